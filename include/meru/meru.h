@@ -1,0 +1,11 @@
+/// @file meru.h
+/// The whole interface of MeruLib. Needs no FFmpeg header.
+#ifndef MERU_MERU_H
+#define MERU_MERU_H
+
+#include "meru/export.h"
+#include "meru/log.h"
+#include "meru/movie_info.h"
+#include "meru/recording.h"
+
+#endif
