@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "ReSample/qv_resample.h"
+#include "common/ffmpeg_handles.h"
+#include "meru/movie_info.h"
+
+/// Wraps the host's buffers in frames, converts them to what the encoders take, and hands them to the muxer.
+///
+/// Audio comes from one thread and video from another at the same time: the two use different members, but for the
+/// session's record, which a lock protects. The host's buffers are only borrowed for the duration of a call.
+class IOCvt {
+ public:
+  /// @param owner  the MovieCapture2 that this belongs to; a null owner ends the process with status 1
+  explicit IOCvt(void* owner);
+  virtual ~IOCvt();
+  IOCvt(const IOCvt&) = delete;
+  IOCvt& operator=(const IOCvt&) = delete;
+
+  /// Converts one frame stamped in `*tb` and hands on what comes out. @return the muxer's last result, 0 when nothing
+  /// came out
+  virtual int in_frame(bool video, AVFrame* frame, const AVRational* tb);
+  /// Hands a converted frame, stamped in the encoder's time base, to the muxer. @return true
+  virtual bool out_frame(bool video, AVFrame* frame, AVRational* tb);
+
+  /// Sets up both directions as far as the session has started. @return whether video is ready
+  bool init();
+  bool init_resample();
+  bool init_rescale();
+  /// Takes a fresh copy of the session's record. @return whether the session has started
+  bool update_movie_info();
+
+  /// All times in microseconds of the stream. @return the result of in_frame, 0 when nothing could be done
+  int fill_audio_pcm(void* data, int nbytes, long long pts);
+  int fill_audio_silence(long long dur, long long pts);
+  int fill_audio_frame(AVFrame* frame, const AVRational* tb);
+  int fill_video_bgra(void* data, int nbytes, long long pts, int linesize);
+  int fill_video_frame(AVFrame* frame, const AVRational* tb);
+
+  /// The next samples begin a new run: before they are taken, the sound so far is brought to exactly their time.
+  void realign_audio() { m_realign_audio = true; }
+
+  int64_t audio_samples() const { return m_audio_samples; }
+  int64_t video_frames() const { return m_video_frames; }
+
+  /// Frames without buffers that describe the host's PCM and images; null when there is no memory.
+  static FramePtr alloc_audio_pcm_frame(const MovieInfo* info);
+  static FramePtr alloc_video_bgra_frame(const MovieInfo* info, int linesize);
+
+ private:
+  bool read_settings();
+  bool ready_for_audio() { return m_resample != nullptr || init_resample(); }
+  bool ready_for_video() { return m_rescale != nullptr || init_rescale(); }
+  int push_audio(AVFrame* frame, const AVRational* tb);
+  void align(AVFrame* frame, const AVRational* tb);
+  int push_pcm(uint8_t* data, int nb_samples, long long pts);
+  int push_silence(int64_t nb_samples, long long pts);
+
+  void* m_owner;
+  std::unique_ptr<MR::QVResample> m_resample;
+  std::unique_ptr<MR::QVRescale> m_rescale;
+  FramePtr m_pcm_frame;
+  FramePtr m_bgra_frame;
+  std::unique_ptr<MovieInfo> m_info;  // set once under m_info_mutex, constant while frames are converted
+  std::mutex m_info_mutex;
+  std::atomic<int64_t> m_audio_samples{0};
+  std::atomic<int64_t> m_video_frames{0};
+  std::vector<uint8_t> m_silence;
+  std::atomic<bool> m_realign_audio{false};
+};

@@ -1,0 +1,283 @@
+#include "base/MR_AVWriter.h"
+
+#include <cstring>
+#include <ostream>
+
+#include "common/log_site.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+namespace MR {
+
+namespace {
+
+constexpr int64_t kNoPtsYet = -999999;
+constexpr int kCachePerOutput = 6;
+constexpr int kExtraCachePerOutput = 3;
+constexpr int kErrorTextSize = 512;
+
+bool starts_with(const char* url, const char* prefix) {
+  return url != nullptr && strncmp(url, prefix, strlen(prefix)) == 0;
+}
+
+/// The container for a further output's address, or null.
+const AVOutputFormat* format_for(const char* url) {
+  if (isRtmpStream(url)) return av_guess_format("flv", url, nullptr);
+  const AVOutputFormat* format = av_guess_format(nullptr, url, nullptr);
+  return format == nullptr && isRtspStream(url) ? av_guess_format("rtsp", url, nullptr) : format;
+}
+
+/// The time base that the encoder worked in: the muxer of `src` may have replaced it in the stream.
+AVRational encoder_time_base(const AVStream* st) {
+  const AVCodecParameters* par = st->codecpar;
+  if (par->codec_type == AVMEDIA_TYPE_AUDIO && par->sample_rate > 0) return {1, par->sample_rate};
+  if (par->codec_type == AVMEDIA_TYPE_VIDEO && st->avg_frame_rate.num > 0) return av_inv_q(st->avg_frame_rate);
+  return st->time_base;
+}
+
+int copy_streams(const AVFormatContext* src, AVFormatContext* dst) {
+  for (unsigned i = 0; i < src->nb_streams; ++i) {
+    const AVStream* from = src->streams[i];
+    AVStream* to = avformat_new_stream(dst, nullptr);
+    if (to == nullptr) {
+      fprintf(stderr, "failed create output stream...\n");
+      return AVERROR(ENOMEM);
+    }
+    const int ret = avcodec_parameters_copy(to->codecpar, from->codecpar);
+    if (ret < 0) {
+      fprintf(stderr, "failed to copy context...\n");
+      return ret;
+    }
+    to->codecpar->codec_tag = 0;
+    to->time_base = encoder_time_base(from);
+    to->avg_frame_rate = from->avg_frame_rate;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const MRException& e) {
+  return out << "MRException(" << e.code() << "): " << e.what();
+}
+
+bool isRtmpStream(const char* url) { return starts_with(url, "rtmp://"); }
+bool isRtspStream(const char* url) { return starts_with(url, "rtsp://"); }
+bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(url); }
+
+std::string public_url(const char* url) {
+  std::string text(url);
+  const size_t slash = text.rfind('/');
+  if (isRtmpStream(url) && slash != std::string::npos && slash + 1 < text.size()) text.replace(slash + 1, text.npos, "***");
+  return text;
+}
+
+DictionaryPtr io_options(const char* url, int timeout_sec) {
+  AVDictionary* options = nullptr;
+  if (timeout_sec > 0 && isLiveStream(url)) {
+    av_dict_set_int(&options, "rw_timeout", static_cast<int64_t>(timeout_sec) * 1000000, 0);
+  }
+  return DictionaryPtr(options);
+}
+
+MR_AVWriter::MR_AVWriter(int max_cache, int extra_cache, const char* url)
+    : m_queue(std::make_unique<PacketQueue>()),
+      m_max_cache(max_cache),
+      m_extra_cache(extra_cache),
+      m_url(url != nullptr ? url : "") {
+  for (auto& pts : m_last_pts) pts = kNoPtsYet;
+}
+
+MR_AVWriter::~MR_AVWriter() { MR_AVWriter::stop(); }
+
+void MR_AVWriter::throw_exited(const char* log_text) {
+  MERU_LOG(2, "%s", log_text);
+  throw MRException("main writer already exited ...", kAlreadyExited);
+}
+
+void MR_AVWriter::create_other_writers(const char** urls) {
+  MERU_LOG(5, "@@------------------ create other writers ---------");
+  MR_AVWriter* previous = this;
+  for (int i = 1; urls != nullptr && urls[i - 1] != nullptr; ++i) {
+    const char* url = urls[i - 1];
+    MERU_LOG(5, "other_url: %s", public_url(url).c_str());
+    auto writer =
+        std::make_unique<MR_AVWriter>(m_max_cache + kCachePerOutput * i, m_extra_cache + kExtraCachePerOutput * i, url);
+    writer->m_interrupt.begin_start(m_interrupt.stop_flag());
+    writer->m_live = isLiveStream(url);
+    writer->m_timeout_sec = m_timeout_sec;
+    writer->m_prev_writer = previous;
+    previous->m_next_writer = writer.get();
+    previous->m_next_owned = std::move(writer);
+    previous = previous->m_next_owned.get();
+  }
+  MERU_LOG(5, "@@------------------ create other writers -------OK");
+}
+
+void MR_AVWriter::start() {
+  if (m_exited) throw_exited("main writer already exited ...");
+  if (m_fmt_ctx != nullptr) m_thread = std::make_unique<std::thread>(&MR_AVWriter::running, this);
+  if (m_next_writer != nullptr) m_next_writer->start();
+}
+
+AVFormatContext* MR_AVWriter::prepare_fmt_ctx(AVFormatContext* s) {
+  return m_prev_writer == nullptr ? s : clone_fmt_ctx(s, m_url.c_str());
+}
+
+int MR_AVWriter::writeHeader(AVFormatContext* s, const char* metainfo) {
+  if (m_exited) throw_exited("main writer already exited ...");
+  int result = 0;
+  if (m_fmt_ctx == nullptr) {
+    AVFormatContext* ctx = prepare_fmt_ctx(s);
+    result = ctx != nullptr ? BaseWriter::writeHeader(ctx, metainfo) : -1;
+    if (result < 0 && m_prev_writer == nullptr && ctx != nullptr) return result;
+    // A further output without a header takes no packets; the outputs behind it go on.
+    if (result < 0) close_clone();
+  }
+  if (m_next_writer != nullptr) m_next_writer->writeHeader(s, metainfo);
+  if (m_exited) throw_exited("main writer already exited 2 ...");
+  return result;
+}
+
+int MR_AVWriter::enqueue(const AVStream* st, AVPacket* pkt, bool flag) {
+  m_last_time = static_cast<double>(pkt->pts) * av_q2d(st->time_base);
+  AVPacket copy;
+  meru_compat::init_packet(&copy);
+  const int ret = av_packet_ref(&copy, pkt);
+  if (ret < 0) return ret;
+  return m_queue->put_block(&copy, m_max_cache + (flag ? m_extra_cache : 0), true);
+}
+
+int MR_AVWriter::writePacket(const AVRational* tb, AVPacket* pkt, bool flag) {
+  if (pkt == nullptr) return 0;
+  int result = -1;
+  AVRational handed_on = *tb;
+  if (m_fmt_ctx != nullptr) {
+    const AVStream* st = m_fmt_ctx->streams[pkt->stream_index];
+    av_packet_rescale_ts(pkt, *tb, st->time_base);
+    handed_on = st->time_base;
+    auto& last_pts = m_last_pts.at(static_cast<size_t>(pkt->stream_index));
+    if (pkt->pts <= last_pts) {
+      av_packet_unref(pkt);
+      return 0;
+    }
+    last_pts = pkt->pts;
+    result = enqueue(st, pkt, flag);
+  }
+  if (m_next_writer != nullptr) {
+    m_next_writer->writePacket(&handed_on, pkt, flag);
+  } else {
+    av_packet_unref(pkt);
+  }
+  return result;
+}
+
+int MR_AVWriter::writeTailer() {
+  const int result = m_thread != nullptr ? m_queue->put(&PacketQueue::s_tailer_pkt) : -1;
+  if (m_next_writer != nullptr) m_next_writer->writeTailer();
+  return result;
+}
+
+void MR_AVWriter::running() {
+  const int error = write_queued();
+  if (error < 0) fail(error);
+}
+
+/// Writes until the end marker or an error. @return 0 when the output is complete, else the error
+int MR_AVWriter::write_queued() {
+  AVPacket pkt;
+  meru_compat::init_packet(&pkt);
+  while (m_queue->get(&pkt, true) >= 0) {
+    if (m_fmt_ctx == nullptr) return -1;
+    if (PacketQueue::is_tailer(&pkt)) {
+      const int ret = av_interleaved_write_frame(m_fmt_ctx, nullptr);
+      if (ret < 0) return ret;
+      MERU_LOG(2, "******* get tailer-pkt ****");
+      break;
+    }
+    const int ret = av_interleaved_write_frame(m_fmt_ctx, &pkt);
+    av_packet_unref(&pkt);
+    if (ret < 0) return ret;
+  }
+  MERU_LOG(2, "*** write tailer pkt.");
+  const int ret = av_write_trailer(m_fmt_ctx);
+  if (ret < 0) {
+    MERU_LOG(2, "*** write tailer pkt failed...");
+    return ret;
+  }
+  m_tailer_done = true;
+  return 0;
+}
+
+void MR_AVWriter::fail(int error) {
+  m_queue->abort();
+  char text[kErrorTextSize] = {};
+  av_strerror(error, text, sizeof(text));
+  MERU_LOG(2, "[Write Pkt Err] (cache=%d, max=%d), err=%d, errmsg=%s", cachedNPackets(), m_max_cache, error, text);
+  if (m_status_cb != nullptr && !m_interrupt.start_given_up()) m_status_cb(error, text, m_status_user);
+}
+
+void MR_AVWriter::stop() {
+  if (m_prev_writer == nullptr) {
+    for (MR_AVWriter* writer = this; writer != nullptr; writer = writer->m_next_owned.get()) writer->m_exited = true;
+  }
+  writeTailer();
+  join();
+  if (m_prev_writer != nullptr) close_clone();
+  if (m_next_writer != nullptr) m_next_writer->stop();
+}
+
+void MR_AVWriter::join() {
+  if (m_thread == nullptr) return;
+  m_thread->join();
+  m_thread.reset();
+}
+
+void MR_AVWriter::close_clone() {
+  if (m_fmt_ctx == nullptr) return;
+  if ((m_fmt_ctx->oformat->flags & AVFMT_NOFILE) == 0) avio_closep(&m_fmt_ctx->pb);
+  avformat_free_context(m_fmt_ctx);
+  m_fmt_ctx = nullptr;
+  m_format.reset();
+}
+
+int MR_AVWriter::make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out) {
+  const AVOutputFormat* format = format_for(url);
+  if (format == nullptr) {
+    if (!isRtmpStream(url)) fprintf(stderr, "Could not create output context...\n");
+    return -1;
+  }
+  m_format = std::make_unique<meru_compat::OutputFormatCopy>(format);
+  m_format->get()->video_codec = isRtmpStream(url) ? AV_CODEC_ID_H264 : src->oformat->video_codec;
+  m_format->get()->audio_codec = isRtmpStream(url) ? AV_CODEC_ID_AAC : src->oformat->audio_codec;
+
+  AVFormatContext* ctx = nullptr;
+  int ret = avformat_alloc_output_context2(&ctx, m_format->get(), nullptr, url);
+  out->reset(ctx);
+  if (ret < 0) return ret;
+  ctx->interrupt_callback = m_interrupt.callback();
+  if (isRtspStream(url)) av_opt_set(ctx->priv_data, "rtsp_transport", "tcp", 0);
+  ret = copy_streams(src, ctx);
+  if (ret < 0) return ret;
+  av_dump_format(ctx, 0, public_url(url).c_str(), 1);
+  if ((ctx->oformat->flags & AVFMT_NOFILE) != 0) return 0;
+  AVDictionary* options = io_options(url, m_timeout_sec).release();
+  ret = avio_open2(&ctx->pb, url, AVIO_FLAG_WRITE, &ctx->interrupt_callback, &options);
+  av_dict_free(&options);
+  if (ret < 0) fprintf(stderr, "io open failed ...\n");
+  return ret;
+}
+
+AVFormatContext* MR_AVWriter::clone_fmt_ctx(AVFormatContext* src, const char* url) {
+  FormatContextPtr ctx;
+  const int ret = make_clone(src, url, &ctx);
+  if (ret >= 0) return ctx.release();
+  fprintf(stderr, "Error ###: %s\n", AvError(ret).text);
+  ctx.reset();
+  m_format.reset();
+  return nullptr;
+}
+
+}  // namespace MR

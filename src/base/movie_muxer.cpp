@@ -1,0 +1,417 @@
+#include "base/movie_muxer.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <thread>
+
+#include "AVSnapshot/snapshot.h"
+#include "base/MR_AVWriter.h"
+#include "common/log_site.h"
+
+extern "C" {
+#include <libavutil/mathematics.h>
+#include <libavutil/opt.h>
+}
+
+namespace {
+
+constexpr AVRational kUsec{1, 1000000};
+constexpr int64_t kRtspInterleaveUsec = 1000000;
+constexpr int64_t kLiveDrainUsec = 5000000;
+
+/// The further outputs as a list that always ends in a null, which the record has no room for when all four are used.
+std::array<const char*, 5> other_urls(const MovieInfo& info) {
+  std::array<const char*, 5> urls{};
+  std::copy(std::begin(info.other_urls), std::end(info.other_urls), urls.begin());
+  return urls;
+}
+
+/// `seconds` in microseconds, in 32 bits as the option is documented; a huge value wraps instead of overflowing.
+int timeout_usec(int seconds) { return static_cast<int>(static_cast<uint32_t>(seconds) * 1000000U); }
+
+}  // namespace
+
+MovieBase::MovieBase(BaseWriter* writer) : m_writer(writer != nullptr ? writer : new BaseWriter) {}
+
+MovieBase::~MovieBase() = default;
+
+MovieMuxer::MovieMuxer(BaseWriter* writer) : MovieBase(writer) {}
+
+MovieMuxer::~MovieMuxer() {
+  MERU_LOG(4, "~movie muxer ...");
+  if (m_audio_enc != nullptr) {
+    m_audio_enc.reset();
+    MERU_LOG(4, "delete audio OK");
+  }
+  if (m_video_enc != nullptr) {
+    m_video_enc.reset();
+    MERU_LOG(4, "delete video OK");
+  }
+  if (m_snapshot != nullptr) {
+    m_snapshot.reset();
+    MERU_LOG(4, "delete moov OK");
+  }
+  MERU_LOG(4, "~movie muxer OK");
+}
+
+std::unique_ptr<meru_compat::OutputFormatCopy> guess_format(const MovieInfo& info) {
+  const char* short_name = nullptr;
+  if (MR::isRtmpStream(info.url)) short_name = "flv";
+  if (MR::isRtspStream(info.url)) short_name = "rtsp";
+  const AVOutputFormat* format = av_guess_format(short_name, info.url, nullptr);
+  if (format == nullptr) format = av_guess_format("mp4", info.url, nullptr);
+  if (format == nullptr) throw MR::MRException("@ av_guess_format(...) is NULL", MERU_STATUS_NO_FORMAT);
+  return std::make_unique<meru_compat::OutputFormatCopy>(format);
+}
+
+int MovieMuxer::start(const MovieInfo& info, MovieStatusCallback cb, void* user, bool async,
+                      std::shared_ptr<void> keep_user) {
+  MERU_LOG(2, "\\n\\n\\n");
+  m_blocked = true;
+  meru_compat::register_all();
+  if (MR::isRtspStream(info.url) || info.hasRtmpStream()) avformat_network_init();
+
+  m_start_ctx = std::make_shared<StartCtx>();
+  m_start_ctx->info = info;
+  m_start_ctx->muxer = this;
+  m_start_ctx->cb = cb;
+  m_start_ctx->user = user;
+  m_start_ctx->keep_user = std::move(keep_user);
+  m_no_video = info.no_video;
+  m_no_audio = info.no_audio;
+  m_writer->m_live = MR::isLiveStream(info.url);
+  m_writer->m_timeout_sec = info.timeout_sec;
+  m_writer->m_interrupt.begin_start(m_start_ctx->exited);
+  {
+    const std::lock_guard<std::mutex> lock(m_info_mutex);
+    m_info = info;
+  }
+  if (!async) {
+    StartCtx::thread_running(m_start_ctx);
+    return 0;
+  }
+  try {
+    std::thread(&StartCtx::thread_running, m_start_ctx).detach();
+  } catch (...) {
+    const std::lock_guard<std::mutex> lock(m_start_ctx->mutex);
+    m_start_ctx->over = true;
+    throw;
+  }
+  return 0;
+}
+
+void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
+  // Held here: the muxer may be destroyed, and drop its reference, while a callback made below still runs.
+  const std::shared_ptr<StartCtx> ctx = shared;
+  int code = MERU_STATUS_OK;
+  std::string text = "start OK";
+  bool report = true;
+  if (*ctx->exited) {
+    MERU_LOG(2, "=^= running begin: already exited,  exit thread");
+    leave(ctx.get());
+    return;
+  }
+  try {
+    ctx->muxer->start_thread_running(ctx->info, ctx.get());
+  } catch (const MR::MRException& e) {
+    MERU_LOG(2, " ---- catch error --- : %s", e.what());
+    code = e.code();
+    text = e.what();
+  } catch (...) {
+    MERU_LOG(2, " ---- catch error --- : Unknow\\n");
+    report = false;
+  }
+
+  bool stopped = false;
+  {
+    const std::lock_guard<std::mutex> lock(ctx->mutex);
+    stopped = *ctx->exited && !ctx->over;
+    ctx->over = ctx->over || !stopped;
+  }
+  if (stopped) {
+    if (code != MERU_STATUS_OK) MERU_LOG(2, "=#= catch exception: already exited, ignore ...");
+    ctx->muxer->close_output();
+    leave(ctx.get());
+    return;
+  }
+  // From here on the muxer may be gone.
+  if (code == MR::kAlreadyExited) {
+    MERU_LOG(2, "== catch exception: already exited, ignore ...");
+  } else if (report && ctx->cb != nullptr) {
+    ctx->cb(code, text.c_str(), ctx->user);
+  }
+}
+
+/// The start routine's last act when the recording was stopped meanwhile: what MERU_stop left to it is done here.
+void StartCtx::leave(StartCtx* ctx) {
+  std::function<void()> last_leaves;
+  {
+    const std::lock_guard<std::mutex> lock(ctx->mutex);
+    ctx->over = true;
+    last_leaves = std::move(ctx->last_leaves);
+  }
+  if (last_leaves) last_leaves();
+}
+
+void MovieMuxer::start_thread_running(MovieInfo info, StartCtx* ctx) {
+  m_video_st = OutputStream();
+  m_audio_st = OutputStream();
+  m_have_video = m_have_audio = m_encode_video = m_encode_audio = 0;
+  m_opt.reset();
+  make_context(info);
+  {
+    const std::lock_guard<std::mutex> lock(ctx->mutex);
+    ctx->has_output = true;
+  }
+  set_network_options(info);
+  if (info.no_audio) m_oformat->get()->audio_codec = AV_CODEC_ID_NONE;
+  if (info.no_video) m_oformat->get()->video_codec = AV_CODEC_ID_NONE;
+  m_writer->create_other_writers(other_urls(info).data());
+  open_streams(create_streams(&info), info);
+  av_dump_format(m_oc.get(), 0, MR::public_url(info.url).c_str(), 1);
+  open_io(info);
+  open_snapshot(info);
+  write_header(info);
+  accept_frames(info, ctx);
+}
+
+void MovieMuxer::make_context(const MovieInfo& info) {
+  m_oformat = guess_format(info);
+  AVFormatContext* oc = nullptr;
+  if (avformat_alloc_output_context2(&oc, m_oformat->get(), nullptr, info.url) < 0) {
+    throw MR::MRException("@ alloc context failed ...", MERU_STATUS_NO_CONTEXT);
+  }
+  if (oc == nullptr) {
+    MERU_LOG(2, "Could not deduce output format from file extension: using MPEG.");
+    if (const AVOutputFormat* mpeg = av_guess_format("mpeg", nullptr, nullptr); mpeg != nullptr) {
+      m_oformat = std::make_unique<meru_compat::OutputFormatCopy>(mpeg);
+      avformat_alloc_output_context2(&oc, m_oformat->get(), nullptr, info.url);
+    }
+    if (oc == nullptr) throw MR::MRException("output context is NULL", MERU_STATUS_NO_CONTEXT);
+  }
+  m_oc.reset(oc);
+  m_oc->interrupt_callback = m_writer->m_interrupt.callback();
+}
+
+void MovieMuxer::set_network_options(const MovieInfo& info) {
+  const bool rtsp = MR::isRtspStream(info.url);
+  if (!rtsp && !MR::isRtmpStream(info.url)) return;
+  m_oformat->get()->video_codec = AV_CODEC_ID_H264;
+  m_oformat->get()->audio_codec = rtsp ? AV_CODEC_ID_OPUS : AV_CODEC_ID_AAC;
+  if (rtsp) {
+    av_opt_set(m_oc->priv_data, "rtsp_transport", "tcp", 0);
+    m_oc->max_interleave_delta = kRtspInterleaveUsec;
+  }
+  if (info.timeout_sec > 0) {
+    const char* option = rtsp ? meru_compat::rtsp_timeout_option() : "stimeout";
+    av_opt_set_int(m_oc->priv_data, option, timeout_usec(info.timeout_sec), 0);
+  }
+}
+
+/// Creates the streams, video first so that it is stream 0, and their encoders, not open yet.
+MovieMuxer::OpenedStreams MovieMuxer::create_streams(MovieInfo* info) {
+  OpenedStreams created;
+  const AVOutputFormat* format = m_oformat->get();
+  if (!info->no_video && format->video_codec != AV_CODEC_ID_NONE) {
+    created.video = std::make_unique<VideoEnc>(m_writer.get());
+    add_stream(&m_video_st, m_oc.get(), &m_video_codec, format->video_codec, info);
+    m_have_video = m_encode_video = 1;
+  }
+  if (!info->no_audio && format->audio_codec != AV_CODEC_ID_NONE) {
+    created.audio = std::make_unique<AudioEnc>(m_writer.get());
+    add_stream(&m_audio_st, m_oc.get(), &m_audio_codec, format->audio_codec, info);
+    m_have_audio = m_encode_audio = 1;
+  }
+  return created;
+}
+
+void MovieMuxer::open_streams(OpenedStreams opened, const MovieInfo& info) {
+  if (m_have_video != 0) opened.video->open_video(m_oc.get(), m_video_codec, &m_video_st, m_opt.get(), info);
+  if (m_have_audio != 0) opened.audio->open_audio(m_oc.get(), m_audio_codec, &m_audio_st, m_opt.get(), info);
+  m_video_enc = std::move(opened.video);
+  m_audio_enc = std::move(opened.audio);
+}
+
+void MovieMuxer::open_io(const MovieInfo& info) {
+  if ((m_oformat->get()->flags & AVFMT_NOFILE) != 0) return;
+  AVDictionary* options = MR::io_options(info.url, info.timeout_sec).release();
+  const int ret = avio_open2(&m_oc->pb, info.url, AVIO_FLAG_WRITE, &m_oc->interrupt_callback, &options);
+  av_dict_free(&options);
+  if (ret >= 0) return;
+  // The address is not printed: an RTMP address ends in a secret key. The text keeps its form.
+  MERU_LOG(2, "Could not open '%s': %s", "", AvError(ret).text);
+  throw MR::MRException("Could not open url", MERU_STATUS_OPEN_FAILED);
+}
+
+void MovieMuxer::open_snapshot(const MovieInfo& info) {
+  if (MR::isRtspStream(info.url) || info.snapshot_path[0] == '\0') return;
+  m_snapshot = std::make_unique<Snapshot>();
+  if (!m_snapshot->open(info.snapshot_path)) {
+    MERU_LOG(2, "启动快照失败: %s", info.snapshot_path);
+    return;
+  }
+  const bool attached = m_snapshot->write_header(m_oc.get());
+  MERU_LOG(2, "启动快照 (%s): %s", attached ? "success" : "failed", info.snapshot_path);
+}
+
+void MovieMuxer::write_header(const MovieInfo& info) {
+  const int ret = m_writer->writeHeader(m_oc.get(), info.metadata);
+  if (ret >= 0) return;
+  MERU_LOG(2, "Error occurred when opening output file: %s", AvError(ret).text);
+  throw MR::MRException("error occurred when write header", MERU_STATUS_HEADER_FAILED);
+}
+
+/// The start has succeeded: lets frames in, unless the recording has been stopped meanwhile.
+void MovieMuxer::accept_frames(const MovieInfo& info, StartCtx* ctx) {
+  {
+    const std::lock_guard<std::mutex> lock(m_info_mutex);
+    m_info = info;
+  }
+  m_writer->start();
+  const std::lock_guard<std::mutex> lock(ctx->mutex);
+  if (*ctx->exited) throw MR::MRException("main writer already exited ...", MR::kAlreadyExited);
+  for (BaseWriter* w = m_writer.get(); w != nullptr; w = w->m_next_writer) w->m_interrupt.start_over();
+  ctx->over = true;
+  m_blocked = false;
+}
+
+int MovieMuxer::write_video_frame(AVFrame* frame, const AVRational* tb) {
+  if (m_blocked || m_video_enc == nullptr) return 0;
+  if (frame != nullptr) {
+    if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_video_st.enc->time_base);
+    const int64_t last = m_last_v_pts;
+    if (frame->pts <= last) {
+      MERU_LOG(5, "@@@ V pts: %lld  (frame->pts <= g_last_v_pts %lld)", static_cast<long long>(frame->pts),
+               static_cast<long long>(last));
+      return 0;
+    }
+    m_last_v_pts = frame->pts;
+  }
+  return m_video_enc->write_video_frame(m_oc.get(), &m_video_st, frame);
+}
+
+int MovieMuxer::write_audio_frame(AVFrame* frame, const AVRational* tb) {
+  if (m_blocked || m_audio_enc == nullptr) return 0;
+  if (frame != nullptr) {
+    if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_audio_st.enc->time_base);
+    m_last_a_pts = frame->pts;
+  }
+  return m_audio_enc->write_audio_frame(m_oc.get(), &m_audio_st, frame);
+}
+
+bool MovieMuxer::add_audio_filter(FilterBase* filter) {
+  if (m_blocked || m_audio_enc == nullptr) return false;
+  m_audio_enc->set_filter(filter);
+  return true;
+}
+
+bool MovieMuxer::add_video_filter(FilterBase* filter) {
+  if (m_blocked || m_video_enc == nullptr) return false;
+  m_video_enc->set_filter(filter);
+  return true;
+}
+
+AVFrame* MovieMuxer::get_testing_vframe(const AVRational& tb) {
+  return m_blocked || m_video_enc == nullptr ? nullptr : m_video_enc->get_video_frame_test(&m_video_st, tb);
+}
+
+AVFrame* MovieMuxer::get_testing_aframe(const AVRational& tb) {
+  return m_blocked || m_audio_enc == nullptr ? nullptr : m_audio_enc->get_audio_frame_test(&m_audio_st, tb);
+}
+
+AVFrame* MovieMuxer::audio_dst_frame() const { return m_blocked ? nullptr : m_audio_st.frame.get(); }
+
+AVFrame* MovieMuxer::video_dst_frame() const { return m_blocked ? nullptr : m_video_st.frame.get(); }
+
+int64_t MovieMuxer::last_usec_pts() const {
+  if (m_blocked) return -1;
+  if (m_audio_st.st != nullptr) {
+    const int64_t usec = av_rescale_q(m_last_a_pts, m_audio_st.enc->time_base, kUsec);
+    if (usec >= 0) return usec;
+  }
+  return m_video_st.st != nullptr ? av_rescale_q(m_last_v_pts, m_video_st.enc->time_base, kUsec) : -1;
+}
+
+MovieInfo MovieMuxer::info_copy() const {
+  const std::lock_guard<std::mutex> lock(m_info_mutex);
+  return m_info;
+}
+
+void MovieMuxer::flushEncoder(AVFormatContext* oc) {
+  if (m_audio_enc != nullptr) m_audio_enc->write_audio_frame(oc, &m_audio_st, nullptr);
+  if (m_video_enc != nullptr) m_video_enc->write_video_frame(oc, &m_video_st, nullptr);
+}
+
+void MovieMuxer::close_stream(AVFormatContext* /*oc*/, OutputStream* ost) {
+  ost->enc.reset();
+  ost->frame.reset();
+  ost->tmp_frame.reset();
+  ost->st = nullptr;
+}
+
+int MovieMuxer::stop() {
+  MERU_LOG(4, "begin ...");
+  if (m_start_ctx == nullptr) return 1;
+  {
+    const std::lock_guard<std::mutex> lock(m_start_ctx->mutex);
+    *m_start_ctx->exited = true;
+    if (!m_start_ctx->over) {
+      if (m_start_ctx->has_output) MERU_LOG(4, "end begin... ======  maybe start rtmp thread blocking ..");
+      return 1;
+    }
+  }
+  if (m_oc != nullptr && m_blocked) MERU_LOG(4, "end begin... ======  maybe start rtmp thread blocking ..");
+  close_output();
+  return 1;
+}
+
+bool MovieMuxer::leave_to_start(std::function<void()> destroy) {
+  if (m_start_ctx == nullptr) return false;
+  const std::lock_guard<std::mutex> lock(m_start_ctx->mutex);
+  if (m_start_ctx->over) return false;
+  m_start_ctx->last_leaves = std::move(destroy);
+  return true;
+}
+
+/// A live output whose server has stalled must not hold MERU_stop up for ever; a file takes the time that it needs.
+void MovieMuxer::limit_outputs() {
+  for (BaseWriter* w = m_writer.get(); w != nullptr; w = w->m_next_writer) {
+    if (w->m_live) {
+      w->m_interrupt.limit(w->m_timeout_sec > 0 ? static_cast<int64_t>(w->m_timeout_sec) * 1000000 : kLiveDrainUsec);
+    } else {
+      w->m_interrupt.start_over();
+    }
+  }
+}
+
+void MovieMuxer::close_output() {
+  if (m_oc == nullptr) return;
+  FormatContextPtr oc = std::move(m_oc);
+  m_blocked = true;
+  limit_outputs();
+  flushEncoder(oc.get());
+  MERU_LOG(4, "before write stop ...");
+  m_writer->stop();
+  MERU_LOG(4, "write stop ok");
+  if (m_video_st.st != nullptr) {
+    close_stream(oc.get(), &m_video_st);
+    MERU_LOG(4, "--- close video OK.");
+  }
+  if (m_audio_st.st != nullptr) {
+    close_stream(oc.get(), &m_audio_st);
+    MERU_LOG(4, "--- close audio OK.");
+  }
+  if ((oc->oformat->flags & AVFMT_NOFILE) == 0) {
+    avio_closep(&oc->pb);
+    MERU_LOG(4, "--- close io OK.");
+  }
+  const MovieInfo info = info_copy();
+  if (MR::isRtspStream(info.url) || info.hasRtmpStream()) {
+    MERU_LOG(4, "--- has rtmp .");
+    avformat_network_deinit();
+  }
+  oc.reset();
+  MERU_LOG(4, "--- free ctx OK.");
+  MERU_LOG(4, "ok");
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "IO_Cvt/io_cvt.h"
+#include "base/movie_muxer.h"
+#include "capture/recording_clock.h"
+#include "capture/status_relay.h"
+
+/// The session behind a recording's handle: a muxer with a recording clock and the conversion of the host's buffers.
+///
+/// Video may be pushed from one thread and audio from another; pause, resume and the read-outs come from any thread.
+class MovieCapture2 : public MovieMuxer {
+ public:
+  /// @param writer  owned by the session from here on
+  explicit MovieCapture2(BaseWriter* writer);
+  ~MovieCapture2() override;
+
+  /// As MovieMuxer::start; the messages of the muxer and of the writer reach `cb`, which may be null.
+  int start(MovieInfo info, MovieStatusCallback cb, void* user, bool async);
+  bool stop();
+
+  bool pause();
+  bool resume();
+  bool is_paused() const { return m_clock.is_paused(); }
+  long long movieTime() const;
+
+  /// The session's record; a copy, because a start may be replacing it.
+  MovieInfo mInfo(bool* started) const;
+
+  /// Pushes what the host gave, stamped on the library clock. A null `pcm` asks for silence up to `pts_usec`.
+  /// @return nonzero when taken, 0 when dropped
+  int fill_video_frame(void* bgra, int nbytes, long long pts_usec, int linesize);
+  int fill_audio_frame(void* pcm, int nbytes, long long pts_usec);
+  int fill_video_frame(AVFrame* frame, const AVRational& tb);
+  int fill_audio_frame(AVFrame* frame, const AVRational& tb);
+
+  bool video_disabled() const { return no_video(); }
+  bool audio_disabled() const { return no_audio(); }
+
+  void note_started() { m_start_ok = true; }
+  /// Null before start().
+  std::shared_ptr<StatusRelay> relay() const { return m_relay; }
+
+ private:
+  static void writer_callback(int id, const char* text, void* ctx);
+  static void statu_callback(int id, const char* text, void* ctx);
+
+  bool accepts_frames() const;
+  IOCvt* iocvt();
+
+  std::atomic<bool> m_start_ok{false};
+  RecordingClock m_clock;
+  std::atomic<int64_t> m_last_audio_pts{0};
+  std::atomic<int64_t> m_last_video_pts{0};
+  std::unique_ptr<IOCvt> m_iocvt;
+  std::once_flag m_iocvt_made;
+  std::atomic<bool> m_resumed{false};  // the next audio is the first after a pause
+  std::shared_ptr<StatusRelay> m_relay;
+};

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+/// Turns the host's time stamps into stream time: from 0 at the first frame ever pushed, without the paused intervals.
+/// All times are microseconds on the library clock. Safe from several threads.
+class RecordingClock {
+ public:
+  /// The first stamp ever given fixes time 0.
+  void note_first(int64_t pts_usec);
+  int64_t start_pts() const { return m_start_pts; }
+  int64_t stream_time(int64_t pts_usec) const { return pts_usec - (m_start_pts + m_pause_total); }
+
+  bool is_paused() const { return m_pause_time >= 1; }
+  /// Opens a pause at `now`; an open one begins anew at `now`.
+  void pause(int64_t now) { m_pause_time = now; }
+  /// Closes the pause. @return whether one was open
+  bool resume(int64_t now);
+
+ private:
+  std::atomic<int64_t> m_start_pts{-1};
+  std::atomic<int64_t> m_pause_time{0};   // start of the open pause, 0 when there is none
+  std::atomic<int64_t> m_pause_total{0};  // sum of the closed pauses
+};

@@ -1,0 +1,93 @@
+#pragma once
+
+/// Everything that differs between the FFmpeg majors the library is built with (libavformat 58, 59 and 61). No other
+/// file names a library version.
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+#include <libswresample/swresample.h>
+}
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+namespace meru_compat {
+
+/// Registers formats and codecs where that is still needed.
+void register_all();
+
+// --- channel layouts: a bit mask on every version, stereo being AV_CH_LAYOUT_STEREO ---
+
+uint64_t default_layout(int channels);
+int layout_channels(uint64_t layout);
+void set_layout(AVFrame* frame, uint64_t layout);
+void set_layout(AVCodecContext* ctx, uint64_t layout);
+void copy_layout(AVFrame* dst, const AVFrame* src);
+uint64_t layout_of(const AVFrame* frame);
+uint64_t layout_of(const AVCodecContext* ctx);
+int channels_of(const AVFrame* frame);
+int channels_of(const AVCodecContext* ctx);
+int channels_of(const AVCodecParameters* par);
+/// Sets the resampler's input ("i") or output ("o") layout. @return 0 or a negative error
+int set_resampler_layout(SwrContext* swr, char side, uint64_t layout);
+
+// --- what an encoder supports; null when it gives no list ---
+
+const AVRational* supported_frame_rates(const AVCodec* codec);       // ends with 0/0
+const AVPixelFormat* supported_pix_fmts(const AVCodec* codec);       // ends with AV_PIX_FMT_NONE
+const AVSampleFormat* supported_sample_fmts(const AVCodec* codec);   // ends with AV_SAMPLE_FMT_NONE
+const int* supported_sample_rates(const AVCodec* codec);             // ends with 0
+/// @return `wanted` when the encoder lists it or gives no list, else the first listed layout.
+uint64_t choose_layout(const AVCodec* codec, uint64_t wanted);
+
+// --- packets and files ---
+
+/// Makes a packet on the stack or in a block of memory empty, as av_packet_alloc would.
+void init_packet(AVPacket* packet);
+/// fopen for a UTF-8 path on every platform.
+FILE* fopen_utf8(const char* path, const char* mode);
+/// The muxer option that bounds the I/O of an RTSP connection, in microseconds.
+const char* rtsp_timeout_option();
+
+// --- output formats and their entry points ---
+
+using WriteHeader = int (*)(AVFormatContext*);
+using WritePacket = int (*)(AVFormatContext*, AVPacket*);
+
+/// The functions of a muxer that the side index has to see.
+struct MuxerEntry {
+  WriteHeader write_header = nullptr;
+  WritePacket write_packet = nullptr;
+};
+
+/// A private, writable copy of an output format, because FFmpeg's own are constant. It carries the muxer's original
+/// entry points, so that every copy reaches the muxer it was made from, however many recordings run. It must outlive
+/// every context that uses it.
+class OutputFormatCopy {
+ public:
+  /// @param format  must not be null
+  explicit OutputFormatCopy(const AVOutputFormat* format);
+  ~OutputFormatCopy();
+  OutputFormatCopy(const OutputFormatCopy&) = delete;
+  OutputFormatCopy& operator=(const OutputFormatCopy&) = delete;
+
+  AVOutputFormat* get() const;
+  /// @return the entry points that the muxer had when `copy` was made. `copy` must be the format of a copy.
+  static const MuxerEntry& original(const AVOutputFormat* copy);
+
+ private:
+  struct Block;
+  std::unique_ptr<Block> m_block;
+};
+
+/// Puts `hooks` in place of the entry points of the context's muxer. The context must work on an OutputFormatCopy.
+/// @return false when the format is not such a copy, or when this FFmpeg's layout is not the one known here
+bool install_hooks(const AVFormatContext* oc, const MuxerEntry& hooks);
+/// @return the muxer's own entry points, whatever is hooked. Callable on the per-packet path
+const MuxerEntry& original_entry(const AVFormatContext* oc);
+
+}  // namespace meru_compat

@@ -1,0 +1,56 @@
+#include "common/scaler.h"
+
+#include "common/ffmpeg_compat.h"
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
+namespace {
+
+bool is_yuv(int format) {
+  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format));
+  return desc != nullptr && (desc->flags & AV_PIX_FMT_FLAG_RGB) == 0 && desc->nb_components >= 3;
+}
+
+bool is_known(const ImageFormat& image, int (*supported)(AVPixelFormat)) {
+  return image.width > 0 && image.height > 0 && supported(static_cast<AVPixelFormat>(image.format)) > 0;
+}
+
+void use_named_colours(SwsContext* sws, const ImageFormat& src, int colorspace, int color_range) {
+  const bool matrix_named = colorspace != AVCOL_SPC_UNSPECIFIED && colorspace != AVCOL_SPC_RGB;
+  const int* dst_matrix = sws_getCoefficients(matrix_named ? colorspace : SWS_CS_DEFAULT);
+  const int dst_full = color_range == AVCOL_RANGE_JPEG ? 1 : 0;
+  const bool src_yuv = is_yuv(src.format);
+  sws_setColorspaceDetails(sws, src_yuv ? dst_matrix : sws_getCoefficients(SWS_CS_DEFAULT), src_yuv ? dst_full : 1,
+                           dst_matrix, dst_full, 0, 1 << 16, 1 << 16);
+}
+
+}  // namespace
+
+SwsPtr make_scaler(const ImageFormat& src, const ImageFormat& dst, int colorspace, int color_range) {
+  // libswscale asserts on numbers that are no pixel format, so they are kept away from it.
+  if (!is_known(src, sws_isSupportedInput) || !is_known(dst, sws_isSupportedOutput)) return nullptr;
+  SwsPtr sws(sws_getContext(src.width, src.height, static_cast<AVPixelFormat>(src.format), dst.width, dst.height,
+                            static_cast<AVPixelFormat>(dst.format), SWS_BICUBIC, nullptr, nullptr, nullptr));
+  const bool named = (colorspace != AVCOL_SPC_UNSPECIFIED && colorspace != AVCOL_SPC_RGB) || color_range != 0;
+  if (sws != nullptr && named && is_yuv(dst.format)) use_named_colours(sws.get(), src, colorspace, color_range);
+  return sws;
+}
+
+bool make_buffers_free(AVFrame* frame, int* sharers) {
+  if (frame->buf[0] == nullptr || av_buffer_get_ref_count(frame->buf[0]) <= *sharers) return true;
+  FramePtr fresh(av_frame_alloc());
+  if (fresh == nullptr) return false;
+  fresh->format = frame->format;
+  fresh->width = frame->width;
+  fresh->height = frame->height;
+  fresh->nb_samples = frame->nb_samples;
+  meru_compat::copy_layout(fresh.get(), frame);
+  if (av_frame_get_buffer(fresh.get(), 0) < 0 || av_frame_copy_props(fresh.get(), frame) < 0) return false;
+  fresh->sample_rate = frame->sample_rate;
+  av_frame_unref(frame);
+  av_frame_move_ref(frame, fresh.get());
+  *sharers = 1;
+  return true;
+}
