@@ -72,7 +72,7 @@ MERU_API bool MERU_is_paused(void* session);
 /// @return how much is recorded, in microseconds: the time of the last image, or of the last samples without video
 MERU_API long long MERU_movie_time(void* session);
 
-/// Queues one image of the recording.
+/// Records one image.
 ///
 /// The image is converted and encoded before the call returns, so the buffer is the caller's again afterwards.
 /// @param session   handle from MERU_start; null is allowed and does nothing
@@ -82,28 +82,28 @@ MERU_API long long MERU_movie_time(void* session);
 /// @param pts_usec  capture time in microseconds on the clock of MERU_current_sys_usec
 /// @param linesize  bytes from one row to the next, at least 4 * width_src for BGRA (of the first plane for a planar
 ///                  format; the others follow from it); less is refused
-/// @return nonzero when the image was taken and gave a packet; 0 when the encoder keeps it for now, or when it was
-///         dropped: not started, paused, no video, or a time stamp that does not rise by a frame; negative when the
-///         encoder (-2) or the output (-3) failed
+/// @return nonzero when the image was taken to be encoded; 0 when it was dropped: not started, paused, no video, or
+///         refused. An image whose stamp does not lie a frame after the last one's is taken and then left out
 /// @threads one pushing thread for video; audio may be pushed from another. Blocks while an output's queue is full:
 ///          that is how a slow output holds the host back
 MERU_API int MERU_write_video_bgra(void* session, void* bgra, int nbytes, long long pts_usec, int linesize);
 
-/// Queues samples of the recording: interleaved PCM of `channels`, `sample_fmt` and `sample_rate_src`.
+/// Records samples: interleaved PCM of `channels`, `sample_fmt` and `sample_rate_src`.
 ///
 /// @param pcm       the samples, the caller's again afterwards; null fills the time from the last samples to `pts_usec`
 ///                  with silence
 /// @param nbytes    size in bytes; an incomplete sample at the end is ignored
 /// @param pts_usec  capture time of the first sample
-/// @return as MERU_write_video_bgra, for the last packet that the samples completed
+/// @return nonzero when the samples completed at least one frame of the encoder; 0 when they are kept for the next one,
+///         or were dropped: not started, paused, no audio, or refused
 /// @threads one pushing thread for audio. Blocks while an output's queue is full
 MERU_API int MERU_write_audio_pcm(void* session, void* pcm, int nbytes, long long pts_usec);
 
-/// Queues an image that is an FFmpeg frame of `width_src` by `height_src` pixels in `pix_fmt_src`.
+/// Records an image that is an FFmpeg frame of `width_src` by `height_src` pixels in `pix_fmt_src`.
 /// @param frame  stays the caller's; its `pts` (in `tb`) is overwritten; its pixels are not
 /// @return as MERU_write_video_bgra
 MERU_API int MERU_write_video_frame(void* session, AVFrame* frame, const AVRational& tb);
-/// Queues samples that are an FFmpeg frame of `channels`, `sample_fmt` and `sample_rate_src`.
+/// Records samples that are an FFmpeg frame of `channels`, `sample_fmt` and `sample_rate_src`.
 /// @param frame  stays the caller's; its `pts` (in `tb`) is overwritten
 /// @return as MERU_write_audio_pcm
 MERU_API int MERU_write_audio_frame(void* session, AVFrame* frame, const AVRational& tb);
