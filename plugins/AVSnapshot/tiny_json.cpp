@@ -1,5 +1,7 @@
 #include "AVSnapshot/tiny_json.h"
 
+#include <sstream>
+
 namespace tiny {
 
 void Value::set_text(const std::string& value) { m_text = m_key.empty() ? value : "\"" + m_key + "\":" + value; }
@@ -20,6 +22,37 @@ std::string TinyJson::WriteJson(int kind) const {
     separator = ",";
   }
   return out + kClose[brackets];
+}
+
+bool TinyJson::ReadJson(const std::string& json) {
+  ParseJson parser;
+  const bool accepted = parser.ParseObj(json);
+  m_read = parser.members();
+  return accepted;
+}
+
+const std::string* TinyJson::find(const std::string& key) const {
+  for (const auto& [name, value] : m_read) {
+    if (name == key) return &value;
+  }
+  return nullptr;
+}
+
+template <>
+std::string TinyJson::Get(const std::string& key, const std::string& absent) const {
+  const std::string* value = find(key);
+  return value != nullptr ? *value : absent;
+}
+
+template <>
+int TinyJson::Get(const std::string& key, const int& absent) const {
+  const std::string* value = find(key);
+  if (value == nullptr) return absent;
+  if (*value == "true") return 1;
+  if (*value == "false") return 0;
+  int number = 0;
+  std::istringstream stream(*value);
+  return stream >> number ? number : absent;
 }
 
 }  // namespace tiny

@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "AVSnapshot/parse_json.h"
+
 /// Flat JSON objects of string and integer members on one line, as the side index needs them, and no more.
 namespace tiny {
 
@@ -46,11 +48,26 @@ class TinyJson {
   std::string WriteJson() const { return WriteJson(kObject); }
   std::string WriteJson(int kind) const;
 
+  /// Parses one object's text; what was read before is dropped. @return whether it was accepted
+  bool ReadJson(const std::string& json);
+  /// The value read for the first member of that key, as text or as a number ("true" and "false" are 1 and 0);
+  /// `absent` when there is none or it is no such value.
+  template <class T>
+  T Get(const std::string& key, const T& absent = T()) const;
+
   bool is_array() const { return m_is_array; }
 
  private:
+  const std::string* find(const std::string& key) const;
+
   std::list<Value> m_values;  // a list: the references handed out stay valid
   bool m_is_array = false;
+  ParseJson::Members m_read;
 };
+
+template <>
+std::string TinyJson::Get(const std::string& key, const std::string& absent) const;
+template <>
+int TinyJson::Get(const std::string& key, const int& absent) const;
 
 }  // namespace tiny
