@@ -39,7 +39,8 @@ class MERU_EXPORT Logger {
   /// Sends the log back to stderr; never closes a stream.
   virtual ~Logger();
 
-  /// @param p  a logger to put in place (the caller keeps owning it and it must outlive every use); null changes nothing
+  /// @param p  a logger to put in place (the caller keeps owning it and it must outlive every use); null
+  ///           changes nothing
   /// @return the logger in place; created (stderr, level 2, no callback) when there is none yet
   static Logger* instance(Logger* p = nullptr);
 
@@ -60,9 +61,9 @@ class MERU_EXPORT Logger {
   /// The local time in strftime's `fmt`, in a buffer of the calling thread that the next call overwrites.
   static const char* now(const char* fmt);
 
-  std::atomic<FILE*> m_fp{stderr};        ///< destination, never null
-  std::atomic<int> m_level{LOG_ERROR};    ///< messages up to this level are written
-  Callback m_callback;                    ///< when set, receives every message instead of the stream
+  std::atomic<FILE*> m_fp{stderr};      ///< destination, never null
+  std::atomic<int> m_level{LOG_ERROR};  ///< messages up to this level are written
+  Callback m_callback;                  ///< when set, receives every message instead of the stream
 };
 
 }  // namespace nuv

@@ -51,22 +51,22 @@ enum Tune_Level {
   TUNE_NONE = 8  ///< nothing is asked for
 };
 
-/// Rate control modes for MovieInfo_::rate_control; every value but the first three listed means VBR.
+/// Rate control modes for MovieInfo_::rate_control; every value but 0, 1 and 3 means VBR.
 enum Rate_Control {
   RATE_CONTROL_ABR = 0,
   RATE_CONTROL_CBR = 1,
   RATE_CONTROL_VBR = 2,
-  RATE_CONTROL_CQP = 3
+  RATE_CONTROL_CQP = 3,
 };
 
 /// Codes that the start of a recording reports through MovieStatusCallback. A negative code is an FFmpeg error code of
 /// the main output's writing thread, with FFmpeg's text for it.
 enum MovieStatusCode {
-  MERU_STATUS_OK = 0,                 ///< "start OK": images and samples are taken from now on
-  MERU_STATUS_NO_CONTEXT = 10,        ///< no output context could be made
-  MERU_STATUS_OPEN_FAILED = 11,       ///< "Could not open url": folder missing, no permission, server refused ...
-  MERU_STATUS_NO_FORMAT = 12,         ///< no container could be guessed from the url
-  MERU_STATUS_HEADER_FAILED = 21      ///< "error occurred when write header": the container refused the streams
+  MERU_STATUS_OK = 0,             ///< "start OK": images and samples are taken from now on
+  MERU_STATUS_NO_CONTEXT = 10,    ///< no output context could be made
+  MERU_STATUS_OPEN_FAILED = 11,   ///< "Could not open url": folder missing, no permission, server refused ...
+  MERU_STATUS_NO_FORMAT = 12,     ///< no container could be guessed from the url
+  MERU_STATUS_HEADER_FAILED = 21  ///< "error occurred when write header": the container refused the streams
 };
 
 /// Description of a recording.
@@ -79,42 +79,42 @@ struct MovieInfo_ {
   /// file follows from its extension; a path whose extension says nothing becomes an MP4. A ".flv" file (any case)
   /// gets the audio encoder's first supported sample rate.
   char url[512];
-  char snapshot_path[512];      ///< side index for repair after a crash; empty = none; ignored for "rtsp://"
-  char metadata[256];           ///< container metadata, "key:value;key:value"; empty = none
-  const char* other_urls[4];    ///< up to four further outputs of the same packets; ends at the first null
+  char snapshot_path[512];    ///< side index for repair after a crash; empty = none; ignored for "rtsp://"
+  char metadata[256];         ///< container metadata, "key:value;key:value"; empty = none
+  const char* other_urls[4];  ///< up to four further outputs of the same packets; ends at the first null
 
-  bool no_audio;                ///< true: no audio stream
-  unsigned char reserved1[3];   ///< not read
-  int a_bitrate;                ///< audio bit rate in kbit/s
-  int sample_rate_src;          ///< Hz of the pushed PCM
-  int sample_rate_dst;          ///< Hz of the encoded audio; replaced by a rate that the encoder supports
-  int channels;                 ///< channels of the pushed PCM (the encoded audio is stereo wherever possible)
-  int sample_fmt;               ///< AVSampleFormat of the pushed PCM (1 = signed 16 bit interleaved)
+  bool no_audio;               ///< true: no audio stream
+  unsigned char reserved1[3];  ///< not read
+  int a_bitrate;               ///< audio bit rate in kbit/s
+  int sample_rate_src;         ///< Hz of the pushed PCM
+  int sample_rate_dst;         ///< Hz of the encoded audio; replaced by a rate that the encoder supports
+  int channels;                ///< channels of the pushed PCM (the encoded audio is stereo wherever possible)
+  int sample_fmt;              ///< AVSampleFormat of the pushed PCM (1 = signed 16 bit interleaved)
 
-  bool no_video;                ///< true: no video stream
-  unsigned char reserved2[3];   ///< not read
-  int rate_control;             ///< Rate_Control
-  int v_bitrate;                ///< video bit rate in kbit/s; 0 = chosen from size and frame rate, or by the encoder
-  int width;                    ///< encoded width in pixels (even for 4:2:0 formats)
-  int height;                   ///< encoded height in pixels (even for 4:2:0 formats)
-  int width_src;                ///< width of the pushed images in pixels
-  int height_src;               ///< height of the pushed images in pixels
-  int fps;                      ///< frames per second; replaced by a rate that the encoder supports
-  int gop_size;                 ///< frames from one key frame to the next
-  int pix_fmt_src;              ///< AVPixelFormat of the pushed images (28 = BGRA)
-  int pix_fmt;                  ///< AVPixelFormat given to the encoder (0 = YUV420P, 23 = NV12)
-  int color_primaries;          ///< AVColorPrimaries, 0 = not said
-  int color_trc;                ///< AVColorTransferCharacteristic, 0 = not said
-  int colorspace;               ///< AVColorSpace, 2 = not said (0 means RGB and is passed on as such)
-  int color_range;              ///< AVColorRange, 0 = not said, 1 = limited, 2 = full
-  int preset;                   ///< Quality_Level
-  int profile;                  ///< Profile_Level
-  int tune;                     ///< Tune_Level
-  bool use_hardware;            ///< try a hardware H.264 encoder; in the library's copy: whether one is used
-  unsigned char reserved3[3];   ///< not read
-  int crf;                      ///< CBR only: 1..51 sets the encoder option "crf", other values are ignored
-  int qp;                       ///< CQP only: 1..51 sets the encoder option "qp", other values are ignored
-  int timeout_sec;              ///< network time-out in seconds for "rtmp://" and "rtsp://" outputs; 0 = none
+  bool no_video;               ///< true: no video stream
+  unsigned char reserved2[3];  ///< not read
+  int rate_control;            ///< Rate_Control
+  int v_bitrate;               ///< video bit rate in kbit/s; 0 = chosen from size and frame rate, or by the encoder
+  int width;                   ///< encoded width in pixels (even for 4:2:0 formats)
+  int height;                  ///< encoded height in pixels (even for 4:2:0 formats)
+  int width_src;               ///< width of the pushed images in pixels
+  int height_src;              ///< height of the pushed images in pixels
+  int fps;                     ///< frames per second; replaced by a rate that the encoder supports
+  int gop_size;                ///< frames from one key frame to the next
+  int pix_fmt_src;             ///< AVPixelFormat of the pushed images (28 = BGRA)
+  int pix_fmt;                 ///< AVPixelFormat given to the encoder (0 = YUV420P, 23 = NV12)
+  int color_primaries;         ///< AVColorPrimaries, 0 = not said
+  int color_trc;               ///< AVColorTransferCharacteristic, 0 = not said
+  int colorspace;              ///< AVColorSpace, 2 = not said (0 means RGB and is passed on as such)
+  int color_range;             ///< AVColorRange, 0 = not said, 1 = limited, 2 = full
+  int preset;                  ///< Quality_Level
+  int profile;                 ///< Profile_Level
+  int tune;                    ///< Tune_Level
+  bool use_hardware;           ///< try a hardware H.264 encoder; in the library's copy: whether one is used
+  unsigned char reserved3[3];  ///< not read
+  int crf;                     ///< CBR only: 1..51 sets the encoder option "crf", other values are ignored
+  int qp;                      ///< CQP only: 1..51 sets the encoder option "qp", other values are ignored
+  int timeout_sec;             ///< network time-out in seconds for "rtmp://" and "rtsp://" outputs; 0 = none
 
 #ifdef __cplusplus
   /// @return whether the main output or one of the further outputs (up to the first null) begins with "rtmp://".

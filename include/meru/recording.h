@@ -23,7 +23,8 @@
 /// FFmpeg's frame and packet. A host that only pushes buffers needs nothing of them.
 struct AVFrame;
 struct AVPacket;
-/// FFmpeg's rational number: `struct AVRational { int num; int den; };`. A host without FFmpeg's headers completes it so.
+/// FFmpeg's rational number: `struct AVRational { int num; int den; };`. A host without FFmpeg's headers
+/// completes it so.
 struct AVRational;
 
 #ifdef __cplusplus

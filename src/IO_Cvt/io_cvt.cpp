@@ -108,8 +108,7 @@ FramePtr IOCvt::alloc_video_bgra_frame(const MovieInfo* info, int linesize) {
   std::array<int, 4> tight{};
   if (av_image_fill_linesizes(tight.data(), static_cast<AVPixelFormat>(info->pix_fmt_src), info->width_src) >= 0) {
     for (size_t i = 1; i < tight.size() && tight[0] > 0; ++i) {
-      frame->linesize[i] =
-          static_cast<int>((static_cast<int64_t>(tight[i]) * linesize + tight[0] - 1) / tight[0]);
+      frame->linesize[i] = static_cast<int>((static_cast<int64_t>(tight[i]) * linesize + tight[0] - 1) / tight[0]);
     }
   }
   return frame;

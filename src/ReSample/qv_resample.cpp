@@ -51,8 +51,8 @@ int QVResample::pri_swr_config_frame(SwrContext* swr, const AVFrame* out, const 
   swr_close(swr);
   bool ok = swr != nullptr;
   if (in != nullptr) {
-    ok = ok && meru_compat::set_resampler_layout(swr, 'i', meru_compat::layout_of(in)) >= 0 &&
-         set("isf", in->format) && set("isr", in->sample_rate);
+    ok = ok && meru_compat::set_resampler_layout(swr, 'i', meru_compat::layout_of(in)) >= 0 && set("isf", in->format) &&
+         set("isr", in->sample_rate);
   }
   if (out != nullptr) {
     ok = ok && meru_compat::set_resampler_layout(swr, 'o', meru_compat::layout_of(out)) >= 0 &&
@@ -69,8 +69,7 @@ int QVResample::pri_swr_config_frame(SwrContext* swr, const AVFrame* out, const 
     m_in_channels = meru_compat::channels_of(in);
     if (m_in_channels < 1) m_in_channels = meru_compat::layout_channels(static_cast<uint64_t>(m_in_ch_layout));
     m_in_bytes_per_sample = av_get_bytes_per_sample(static_cast<AVSampleFormat>(in->format));
-    m_in_byte_rate =
-        static_cast<int>(static_cast<int64_t>(m_in_bytes_per_sample) * m_in_sample_rate * m_in_channels);
+    m_in_byte_rate = static_cast<int>(static_cast<int64_t>(m_in_bytes_per_sample) * m_in_sample_rate * m_in_channels);
   }
   if (out != nullptr) {
     m_out_ch_layout = static_cast<int64_t>(meru_compat::layout_of(out));
@@ -130,8 +129,7 @@ AVFrame* QVResample::pri_convert_frame(const AVFrame* in) {
   if (av_audio_fifo_size(m_fifo.get()) < m_out_frame_size) return nullptr;
   AVFrame* out = m_out_frame.get();
   if (!make_buffers_free(out, &m_sharers)) return nullptr;
-  const int ret =
-      av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(out->extended_data), m_out_frame_size);
+  const int ret = av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(out->extended_data), m_out_frame_size);
   if (ret < 0) {
     av_log(nullptr, AV_LOG_INFO, "@@ audio fifo read error: %s\n", AvError(ret).text);
     return nullptr;
@@ -168,8 +166,7 @@ int QVRescale::qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRationa
   m_time_base = tb;
   if (dst->width == src->width && dst->height == src->height && dst->format == src->format) return 0;
   m_src = {src->width, src->height, src->format};
-  m_sws = make_scaler(m_src, {dst->width, dst->height, dst->format}, dst->colorspace,
-                      dst->color_range);
+  m_sws = make_scaler(m_src, {dst->width, dst->height, dst->format}, dst->colorspace, dst->color_range);
   if (m_sws != nullptr) m_out_frame.reset(av_frame_clone(dst));
   if (m_out_frame == nullptr) {
     m_sws.reset();

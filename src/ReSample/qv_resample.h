@@ -22,7 +22,8 @@ class QVResample {
   int qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRational tb);
 
   /// Takes `in`, stamped in `*tb` (null takes nothing more), and gives the next whole frame.
-  /// @return a frame that is overwritten by the next call; null when too few samples are buffered, or on an error, after
+  /// @return a frame that is overwritten by the next call; null when too few samples are buffered, or on an error,
+  ///         after
   ///         which the converter can still be used
   AVFrame* qv_convert_frame(const AVFrame* in, const AVRational* tb);
 

@@ -70,7 +70,8 @@ bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(ur
 std::string public_url(const char* url) {
   std::string text(url);
   const size_t slash = text.rfind('/');
-  if (isRtmpStream(url) && slash != std::string::npos && slash + 1 < text.size()) text.replace(slash + 1, text.npos, "***");
+  if (isRtmpStream(url) && slash != std::string::npos && slash + 1 < text.size())
+    text.replace(slash + 1, text.npos, "***");
   return text;
 }
 

@@ -73,7 +73,8 @@ class MR_AVWriter : public BaseWriter {
   /// @return `s` itself for the main writer, a clone of it for a further output
   AVFormatContext* prepare_fmt_ctx(AVFormatContext* s);
 
-  /// Makes an output context like `src` for `url`, with its I/O open. @return null when that fails; nothing is left open
+  /// Makes an output context like `src` for `url`, with its I/O open. @return null when that fails; nothing is left
+  /// open
   AVFormatContext* clone_fmt_ctx(AVFormatContext* src, const char* url);
 
  private:
@@ -96,8 +97,8 @@ class MR_AVWriter : public BaseWriter {
   std::string m_url;  // address of a further output, empty for the main writer
   std::atomic<bool> m_exited{false};
   std::array<std::atomic<int64_t>, kMaxStreams> m_last_pts;
-  std::unique_ptr<MR_AVWriter> m_next_owned;                           // what m_next_writer points to
-  std::unique_ptr<meru_compat::OutputFormatCopy> m_format;             // of a further output's context
+  std::unique_ptr<MR_AVWriter> m_next_owned;                // what m_next_writer points to
+  std::unique_ptr<meru_compat::OutputFormatCopy> m_format;  // of a further output's context
 };
 
 }  // namespace MR

@@ -35,15 +35,15 @@ class BaseWriter {
   static void write_metainfo(AVDictionary** dict, const char* metainfo);
   void log_packet(const char* /*tag*/, const AVFormatContext* /*s*/, const AVPacket* /*pkt*/) {}
 
-  StatusCallback m_status_cb = nullptr;    ///< reports failures of the writing, set by the owner before the start
-  void* m_status_user = nullptr;           ///< handed to m_status_cb
-  AVFormatContext* m_fmt_ctx = nullptr;    ///< set by writeHeader, not owned
-  std::atomic<double> m_last_time{0.0};    ///< time of the latest packet in seconds
-  BaseWriter* m_prev_writer = nullptr;     ///< the writer before this one in a chain, null for the main writer
-  BaseWriter* m_next_writer = nullptr;     ///< the writer that this one hands every packet on to
-  bool m_live = false;                     ///< the output is a live stream: it gets a bounded time at the end
-  int m_timeout_sec = 0;                   ///< bounds each network read and write; 0 = no bound
-  IoInterrupt m_interrupt;                 ///< breaks off this output's blocking network calls
+  StatusCallback m_status_cb = nullptr;  ///< reports failures of the writing, set by the owner before the start
+  void* m_status_user = nullptr;         ///< handed to m_status_cb
+  AVFormatContext* m_fmt_ctx = nullptr;  ///< set by writeHeader, not owned
+  std::atomic<double> m_last_time{0.0};  ///< time of the latest packet in seconds
+  BaseWriter* m_prev_writer = nullptr;   ///< the writer before this one in a chain, null for the main writer
+  BaseWriter* m_next_writer = nullptr;   ///< the writer that this one hands every packet on to
+  bool m_live = false;                   ///< the output is a live stream: it gets a bounded time at the end
+  int m_timeout_sec = 0;                 ///< bounds each network read and write; 0 = no bound
+  IoInterrupt m_interrupt;               ///< breaks off this output's blocking network calls
 };
 
 /// As BaseWriter::write_metainfo, cutting up the caller's own text and without the heading line. Always true.

@@ -8,11 +8,11 @@
 
 /// A stream of the output with its encoder and the frames that feed it.
 struct OutputStream {
-  AVStream* st = nullptr;       ///< owned by the output context
-  CodecContextPtr enc;          ///< our own; copied to the stream's parameters once it is open
-  int64_t next_pts = 0;         ///< test frames (video) or samples (audio) made so far
-  FramePtr frame;               ///< a frame in the encoder's format, shared with the converters
-  FramePtr tmp_frame;           ///< the test source's frame
+  AVStream* st = nullptr;  ///< owned by the output context
+  CodecContextPtr enc;     ///< our own; copied to the stream's parameters once it is open
+  int64_t next_pts = 0;    ///< test frames (video) or samples (audio) made so far
+  FramePtr frame;          ///< a frame in the encoder's format, shared with the converters
+  FramePtr tmp_frame;      ///< the test source's frame
 };
 
 /// What one call of an encoder gave.

@@ -19,8 +19,8 @@ class PacketQueue {
   /// @return 0, or -1 when there is no memory; the packet is then unchanged
   int put(AVPacket* pkt);
 
-  /// Appends when fewer than `maxNpkt` packets are queued; otherwise waits (`block`) or refuses. The packet's content is
-  /// taken in every case: a refused packet is released.
+  /// Appends when fewer than `maxNpkt` packets are queued; otherwise waits (`block`) or refuses. The packet's content
+  /// is taken in every case: a refused packet is released.
   /// @return 0; -1 aborted or no memory; -2 full
   int put_block(AVPacket* pkt, int maxNpkt, bool block);
 
@@ -43,9 +43,7 @@ class PacketQueue {
 
   /// The end marker; the same for all queues, never copied, never freed.
   static AVPacket s_tailer_pkt;
-  static bool is_tailer(const AVPacket* pkt) {
-    return pkt->data == reinterpret_cast<const uint8_t*>(&s_tailer_pkt);
-  }
+  static bool is_tailer(const AVPacket* pkt) { return pkt->data == reinterpret_cast<const uint8_t*>(&s_tailer_pkt); }
 
  private:
   struct Node {
@@ -58,7 +56,7 @@ class PacketQueue {
   void append(Node* node, AVPacket* pkt);
   int copy_out(AVPacket* pkt, Node* PacketQueue::*end);
 
-  Node* first = nullptr;       // guarded by mutex, like all that follows
+  Node* first = nullptr;  // guarded by mutex, like all that follows
   Node* last = nullptr;
   int nb_packets = 0;
   int m_size = 0;

@@ -16,12 +16,14 @@ struct Pair {
   const char* text;
 };
 
-constexpr Pair g_qm[] = {{0, "ultrafast"}, {1, "superfast"}, {2, "veryfast"}, {3, "faster"}, {4, "fast"}, {5, "medium"},
-                         {6, "slow"},      {7, "slower"},    {8, "veryslow"}, {9, "placebo"}, {10, ""}};
+constexpr Pair g_qm[] = {{0, "ultrafast"}, {1, "superfast"}, {2, "veryfast"}, {3, "faster"},
+                         {4, "fast"},      {5, "medium"},    {6, "slow"},     {7, "slower"},
+                         {8, "veryslow"},  {9, "placebo"},   {10, ""}};
 constexpr Pair g_profiles[] = {{0, "baseline"}, {1, "main"},    {2, "high"}, {3, "high10"},
                                {4, "high422"},  {5, "high444"}, {6, ""}};
-constexpr Pair g_tunes[] = {{0, "film"}, {1, "animation"},  {2, "grain"},       {3, "stillimage"}, {4, "psnr"},
-                            {5, "ssim"}, {6, "fastdecode"}, {7, "zerolatency"}, {8, ""}};
+constexpr Pair g_tunes[] = {{0, "film"},       {1, "animation"},   {2, "grain"},
+                            {3, "stillimage"}, {4, "psnr"},        {5, "ssim"},
+                            {6, "fastdecode"}, {7, "zerolatency"}, {8, ""}};
 
 template <size_t N>
 const char* text_of(const Pair (&table)[N], int value) {

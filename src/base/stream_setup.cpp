@@ -78,12 +78,19 @@ void set_constant_rate(AVCodecContext* enc, int64_t rate) {
   enc->rc_initial_buffer_occupancy = static_cast<int>(rate * 3 / 4);
 }
 
+/// Encoders that refuse a maximum rate without a buffer size, and do not choose one themselves.
+bool needs_buffer_size(AVCodecID id) {
+  return id == AV_CODEC_ID_FLV1 || id == AV_CODEC_ID_H263 || id == AV_CODEC_ID_MSMPEG4V3;
+}
+
 void set_variable_rate(AVCodecContext* enc, int64_t rate) {
   const int64_t kbit = rate / 1000;
   enc->flags |= AV_CODEC_FLAG_QSCALE;
   enc->rc_min_rate = (kbit > kVbrFloorKbit ? kbit : kVbrFloorKbit) * 1000 - 200000;
   enc->rc_max_rate = kbit * 1000 + 10000;
   enc->bit_rate = kbit * 1000;
+  // A second of the maximum rate, the same as with a constant rate: otherwise the recording would never start.
+  if (needs_buffer_size(enc->codec_id)) enc->rc_buffer_size = static_cast<int>(enc->rc_max_rate);
 }
 
 void set_rate_control(AVCodecContext* enc, const MovieInfo& info, int64_t rate) {
@@ -137,8 +144,8 @@ void set_up_video(OutputStream* ost, const EncoderChoice& choice, MovieInfo* inf
   set_colours(enc, *info);
   set_frame_rate(ost, info);
   enc->gop_size = info->gop_size;
-  enc->pix_fmt = choose(meru_compat::supported_pix_fmts(choice.codec), AV_PIX_FMT_NONE,
-                        static_cast<AVPixelFormat>(info->pix_fmt));
+  enc->pix_fmt =
+      choose(meru_compat::supported_pix_fmts(choice.codec), AV_PIX_FMT_NONE, static_cast<AVPixelFormat>(info->pix_fmt));
   enc->max_b_frames = choice.codec->id == AV_CODEC_ID_MPEG2VIDEO ? 2 : 0;
   if (choice.codec->id == AV_CODEC_ID_MPEG1VIDEO) enc->mb_decision = 2;
 }

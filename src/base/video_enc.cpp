@@ -135,7 +135,8 @@ int VideoEnc::drain(OutputStream* ost, AVPacket* packet) {
 AVFrame* VideoEnc::get_video_frame_test(OutputStream* ost, const AVRational& tb) {
   const int frame_index = next_test_index(ost->next_pts, ost->enc->time_base);
   if (ost->tmp_frame == nullptr) {
-    FramePtr picture = alloc_picture(static_cast<AVPixelFormat>(m_info.pix_fmt_src), m_info.width_src, m_info.height_src);
+    FramePtr picture =
+        alloc_picture(static_cast<AVPixelFormat>(m_info.pix_fmt_src), m_info.width_src, m_info.height_src);
     if (picture == nullptr || picture->buf[0] == nullptr) {
       nuv::print_stderr("Could not allocate temporary picture\n");
       return nullptr;

@@ -36,6 +36,6 @@ class StatusRelay {
   void* m_user;
   std::mutex m_mutex;
   std::condition_variable m_left;
-  bool m_muted = false;                      // guarded by m_mutex
-  std::vector<std::thread::id> m_inside;     // guarded by m_mutex: the threads that are calling the host
+  bool m_muted = false;                   // guarded by m_mutex
+  std::vector<std::thread::id> m_inside;  // guarded by m_mutex: the threads that are calling the host
 };

@@ -296,8 +296,6 @@ bool install_hooks(const AVFormatContext* oc, const MuxerEntry& hooks) {
   return true;
 }
 
-const MuxerEntry& original_entry(const AVFormatContext* oc) {
-  return OutputFormatCopy::original(oc->oformat);
-}
+const MuxerEntry& original_entry(const AVFormatContext* oc) { return OutputFormatCopy::original(oc->oformat); }
 
 }  // namespace meru_compat

@@ -37,10 +37,10 @@ int set_resampler_layout(SwrContext* swr, char side, uint64_t layout);
 
 // --- what an encoder supports; null when it gives no list ---
 
-const AVRational* supported_frame_rates(const AVCodec* codec);       // ends with 0/0
-const AVPixelFormat* supported_pix_fmts(const AVCodec* codec);       // ends with AV_PIX_FMT_NONE
-const AVSampleFormat* supported_sample_fmts(const AVCodec* codec);   // ends with AV_SAMPLE_FMT_NONE
-const int* supported_sample_rates(const AVCodec* codec);             // ends with 0
+const AVRational* supported_frame_rates(const AVCodec* codec);      // ends with 0/0
+const AVPixelFormat* supported_pix_fmts(const AVCodec* codec);      // ends with AV_PIX_FMT_NONE
+const AVSampleFormat* supported_sample_fmts(const AVCodec* codec);  // ends with AV_SAMPLE_FMT_NONE
+const int* supported_sample_rates(const AVCodec* codec);            // ends with 0
 /// @return `wanted` when the encoder lists it or gives no list, else the first listed layout.
 uint64_t choose_layout(const AVCodec* codec, uint64_t wanted);
 

@@ -1,11 +1,10 @@
-#include "meru/log.h"
-
 #include <algorithm>
 #include <cstring>
 #include <ctime>
 
 #include "common/printf_i64.h"
 #include "common/trim.h"
+#include "meru/log.h"
 
 namespace nuv {
 
