@@ -92,7 +92,7 @@ int QVResample::qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRation
   if (ret < 0) return ret;
   m_fifo.reset(av_audio_fifo_alloc(static_cast<AVSampleFormat>(m_out_sample_fmt), m_out_channels, 1));
   if (m_fifo == nullptr) {
-    av_log(nullptr, AV_LOG_ERROR, "alloc audio fifo error!,%s\n", strerror(errno));
+    av_log(nullptr, AV_LOG_ERROR, "alloc audio fifo error!,%s\n", AvError(AVERROR(errno)).text);
     return -1;
   }
   return ret;

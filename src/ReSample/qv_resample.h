@@ -23,8 +23,7 @@ class QVResample {
 
   /// Takes `in`, stamped in `*tb` (null takes nothing more), and gives the next whole frame.
   /// @return a frame that is overwritten by the next call; null when too few samples are buffered, or on an error,
-  ///         after
-  ///         which the converter can still be used
+  ///         after which the converter can still be used
   AVFrame* qv_convert_frame(const AVFrame* in, const AVRational* tb);
 
   int in_byte_rate() const { return m_in_byte_rate; }

@@ -70,8 +70,8 @@ bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(ur
 std::string public_url(const char* url) {
   std::string text(url);
   const size_t slash = text.rfind('/');
-  if (isRtmpStream(url) && slash != std::string::npos && slash + 1 < text.size())
-    text.replace(slash + 1, text.npos, "***");
+  const bool has_key = slash != std::string::npos && slash + 1 < text.size();
+  if (isRtmpStream(url) && has_key) text.replace(slash + 1, std::string::npos, "***");
   return text;
 }
 
@@ -224,7 +224,7 @@ void MR_AVWriter::stop() {
   if (m_prev_writer == nullptr) {
     for (MR_AVWriter* writer = this; writer != nullptr; writer = writer->m_next_owned.get()) writer->m_exited = true;
   }
-  writeTailer();
+  MR_AVWriter::writeTailer();  // by name: the destructor comes through here too
   join();
   if (m_prev_writer != nullptr) close_clone();
   if (m_next_writer != nullptr) m_next_writer->stop();

@@ -103,7 +103,7 @@ int MovieMuxer::start(const MovieInfo& info, MovieStatusCallback cb, void* user,
 
 void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
   // Held here: the muxer may be destroyed, and drop its reference, while a callback made below still runs.
-  const std::shared_ptr<StartCtx> ctx = shared;
+  const std::shared_ptr<StartCtx> ctx = shared;  // NOLINT(performance-unnecessary-copy-initialization)
   int code = MERU_STATUS_OK;
   std::string text = "start OK";
   bool report = true;
