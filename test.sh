@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Builds MeruLib without warnings, checks the sources and runs every test. Fails when any of it fails.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "packages"
+tools/deps.sh test
+
+step "build"
+cmake --preset dev
+cmake --build --preset dev
+
+step "format and static analysis"
+tests/lint.sh build/dev
+
+step "tests"
+ctest --preset dev -j2 --output-on-failure --no-tests=error
