@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
