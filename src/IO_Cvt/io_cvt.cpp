@@ -184,7 +184,8 @@ int IOCvt::push_silence(int64_t nb_samples, long long pts) {
   do {
     const auto piece = static_cast<int>(std::min(nb_samples - done, rate));
     m_silence.resize(std::max({m_silence.size(), static_cast<size_t>(piece) * frame_bytes, frame_bytes}));
-    result = push_pcm(m_silence.data(), piece, pts + av_rescale(done, kUsec.den, rate));
+    const int pushed = push_pcm(m_silence.data(), piece, pts + av_rescale(done, kUsec.den, rate));
+    if (pushed != 0) result = pushed;
     done += piece;
   } while (done < nb_samples);
   return result;
