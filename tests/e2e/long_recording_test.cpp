@@ -1,0 +1,113 @@
+// Long recordings: sound and picture stay together, and no time stamp is too large.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <ostream>
+
+#include "support/host.h"
+#include "support/probe.h"
+#include "support/temp_dir.h"
+
+namespace meru_test {
+namespace {
+
+TEST(LongRecordingTest, ThirtyMinutesResampledStayTogether) {
+  constexpr int kMinutes = 30;
+  const TempDir dir;
+  const std::string path = dir.file("movie.mp4");
+  MovieInfo info = small_movie(path);
+  info.fps = 10;
+  info.gop_size = 100;
+  info.sample_rate_src = 44100;
+  Host host(info);
+  ASSERT_TRUE(host.started());
+  constexpr int kImages = kMinutes * 60 * 10;
+  ASSERT_EQ(host.push_scene(kImages, kUsecPerSec), kImages);
+  const long long sound = MERU_last_usec_pts(host.session());
+  host.stop();
+
+  const double frame = 0.1;
+  const auto video = probe_stream(path, "video");
+  const auto audio = probe_stream(path, "audio");
+  EXPECT_EQ(video.at("nb_frames"), std::to_string(kImages));
+  EXPECT_NEAR(number(video, "duration"), kMinutes * 60, 0.001);
+  EXPECT_NEAR(number(audio, "duration"), number(video, "duration"), frame);
+  EXPECT_NEAR(number(audio, "start_time"), number(video, "start_time"), frame);
+  EXPECT_NEAR(static_cast<double>(sound) / kUsecPerSec, kMinutes * 60, frame);
+}
+
+struct SparseCase {
+  const char* name;
+  const char* extension;
+  int fps;
+  long long first_usec, step_usec;
+  int images;
+};
+void PrintTo(const SparseCase& c, std::ostream* out) { *out << c.name; }
+
+class SparseStampsTest : public testing::TestWithParam<SparseCase> {};
+
+TEST_P(SparseStampsTest, EachPictureKeepsItsTime) {
+  const SparseCase& c = GetParam();
+  const TempDir dir;
+  const std::string path = dir.file(std::string("movie.") + c.extension);
+  MovieInfo info = small_movie(path);
+  info.no_audio = true;
+  info.fps = c.fps;
+  Host host(info);
+  ASSERT_TRUE(host.started());
+  for (int i = 0; i < c.images; ++i) EXPECT_NE(host.push_image(c.first_usec + i * c.step_usec), 0) << i;
+  EXPECT_EQ(MERU_movie_time(host.session()), (c.images - 1) * c.step_usec);
+  host.stop();
+
+  const auto packets = probe_packets(path, "v:0");
+  ASSERT_EQ(packets.size(), static_cast<size_t>(c.images));
+  for (size_t i = 0; i < packets.size(); ++i) {
+    const double expected = static_cast<double>(i) * static_cast<double>(c.step_usec) / kUsecPerSec;
+    EXPECT_NEAR(packets[i].pts, expected, 0.5 / c.fps + 0.001) << i;
+  }
+  EXPECT_EQ(decode_errors(path), "");
+}
+
+constexpr long long kDay = 86400 * kUsecPerSec;
+
+INSTANTIATE_TEST_SUITE_P(
+    Boundaries, SparseStampsTest,
+    testing::Values(SparseCase{"stamps_cross_2_31_usec", "mp4", 25, (1LL << 31) - 400000, 40000, 20},
+                    SparseCase{"stamps_cross_2_32_usec", "mp4", 25, (1LL << 32) - 400000, 40000, 20},
+                    SparseCase{"stamps_of_the_present", "mkv", 25, 1700000000LL * kUsecPerSec, 40000, 20},
+                    SparseCase{"recording_crosses_2_31_usec", "mp4", 25, 1, 600 * kUsecPerSec, 5},
+                    SparseCase{"recording_crosses_2_32_usec", "mkv", 25, 1, 600 * kUsecPerSec, 9},
+                    SparseCase{"mkv_crosses_2_31_msec", "mkv", 10, 1, kDay, 28},
+                    SparseCase{"mp4_crosses_2_31_msec", "mp4", 10, 1, kDay, 28},
+                    SparseCase{"mov_crosses_2_32_msec", "mov", 1, 1, kDay, 52}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(SparseStampsTest, SoundKeepsItsTimeToo) {
+  const TempDir dir;
+  const std::string path = dir.file("movie.mkv");
+  MovieInfo info = small_movie(path);
+  info.no_video = true;
+  Host host(info);
+  ASSERT_TRUE(host.started());
+  constexpr int kDays = 27;
+  for (int day = 0; day <= kDays; ++day) host.push_samples(4800, kUsecPerSec + day * kDay);
+  EXPECT_EQ(MERU_movie_time(host.session()), kDays * kDay);
+  host.stop();
+
+  const auto packets = probe_packets(path, "a:0");
+  ASSERT_GT(packets.size(), 1U);
+  int jumps = 0;
+  for (size_t i = 1; i < packets.size(); ++i) {
+    const double step = packets[i].pts - packets[i - 1].pts;
+    if (step > 1) {
+      ++jumps;
+      EXPECT_NEAR(packets[i].pts, jumps * 86400.0, 0.2);
+    }
+  }
+  EXPECT_EQ(jumps, kDays);
+}
+
+}  // namespace
+}  // namespace meru_test
