@@ -48,30 +48,31 @@ std::vector<IndexRecord> read_index(const std::string& path) {
   return records;
 }
 
+/// The recording's packets, stream 0 being video, whatever order the demuxer puts the streams in.
 std::vector<ProbedPacket> packets_by_position(const std::string& path) {
   std::vector<ProbedPacket> packets = probe_packets(path, "v:0");
-  const std::vector<ProbedPacket> sound = probe_packets(path, "a:0");
+  std::vector<ProbedPacket> sound = probe_packets(path, "a:0");
+  for (ProbedPacket& packet : packets) packet.stream = 0;
+  for (ProbedPacket& packet : sound) packet.stream = 1;
   packets.insert(packets.end(), sound.begin(), sound.end());
   std::sort(packets.begin(), packets.end(), [](const auto& a, const auto& b) { return a.pos < b.pos; });
   return packets;
 }
 
-/// @param overhead  bytes that the container puts around each packet's data
-/// @param lead      how many of them come first, as far as the demuxer's position does not count them
 void expect_index_matches(const std::string& index, const std::string& movie, double time_base) {
   const std::vector<IndexRecord> records = read_index(index);
   const std::vector<ProbedPacket> packets = packets_by_position(movie);
   // The last packet never gets a record: its size is only known when another one follows.
   ASSERT_EQ(records.size() + 1, packets.size()) << movie;
-  long long pts[2] = {};
+  long long pts = 0;
   for (size_t i = 0; i < records.size(); ++i) {
     EXPECT_EQ(records[i].stream, packets[i].stream) << movie << " " << i;
     EXPECT_EQ(records[i].pos, packets[i].pos) << movie << " " << i;
     EXPECT_EQ(records[i].pos + records[i].size, packets[i + 1].pos) << movie << " " << i;
     EXPECT_EQ(records[i].key, packets[i].key) << movie << " " << i;
     if (packets[i].stream != 0) continue;
-    pts[0] += records[i].pts_delta;
-    EXPECT_NEAR(static_cast<double>(pts[0]) * time_base, packets[i].pts - packets[0].pts, 0.03) << movie << " " << i;
+    pts += records[i].pts_delta;
+    EXPECT_NEAR(static_cast<double>(pts) * time_base, packets[i].pts, 0.0015) << movie << " " << i;
   }
 }
 
@@ -152,6 +153,8 @@ TEST(FurtherOutputsTest, ReceiveTheSamePackets) {
   ASSERT_EQ(video.size(), static_cast<size_t>(kImages));
   for (const std::string& other : others) {
     SCOPED_TRACE(other);
+    // An AVI has no time stamps, only a count of pictures; the sound's lead shifts that by one.
+    const double rounding = other == others.back() ? 1.0 / info.fps + 0.0015 : 0.0015;
     EXPECT_EQ(decode_errors(other), "");
     EXPECT_EQ(frame_hashes(other, "v"), frame_hashes(main, "v"));
     const auto their_video = probe_packets(other, "v:0");
@@ -160,7 +163,7 @@ TEST(FurtherOutputsTest, ReceiveTheSamePackets) {
     ASSERT_EQ(their_audio.size(), audio.size());
     for (size_t i = 0; i < audio.size(); ++i) EXPECT_EQ(their_audio[i].hash, audio[i].hash) << i;
     for (size_t i = 1; i < video.size(); ++i) {
-      EXPECT_NEAR(their_video[i].dts - their_video[0].dts, video[i].dts - video[0].dts, 0.0015) << i;
+      EXPECT_NEAR(their_video[i].dts - their_video[0].dts, video[i].dts - video[0].dts, rounding) << i;
       EXPECT_EQ(their_video[i].key, video[i].key) << i;
     }
   }
