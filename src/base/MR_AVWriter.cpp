@@ -43,7 +43,7 @@ int copy_streams(const AVFormatContext* src, AVFormatContext* dst) {
     AVStream* to = avformat_new_stream(dst, nullptr);
     if (to == nullptr) {
       fprintf(stderr, "failed create output stream...\n");
-      return AVERROR(ENOMEM);
+      return -1;
     }
     const int ret = avcodec_parameters_copy(to->codecpar, from->codecpar);
     if (ret < 0) {
@@ -69,7 +69,7 @@ bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(ur
 
 std::string public_url(const char* url) {
   std::string text(url);
-  const size_t slash = text.rfind('/');
+  const size_t slash = text.rfind('/', text.find('?'));  // a token behind the key may hold slashes
   const bool has_key = slash != std::string::npos && slash + 1 < text.size();
   if (isRtmpStream(url) && has_key) text.replace(slash + 1, std::string::npos, "***");
   return text;
@@ -247,8 +247,9 @@ void MR_AVWriter::close_clone() {
 int MR_AVWriter::make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out) {
   const AVOutputFormat* format = format_for(url);
   if (format == nullptr) {
-    if (!isRtmpStream(url)) fprintf(stderr, "Could not create output context...\n");
-    return -1;
+    if (isRtmpStream(url)) return -1;
+    fprintf(stderr, "Could not create output context...\n");
+    return AVERROR(EINVAL);  // what FFmpeg says to an address that tells no format
   }
   m_format = std::make_unique<meru_compat::OutputFormatCopy>(format);
   m_format->get()->video_codec = isRtmpStream(url) ? AV_CODEC_ID_H264 : src->oformat->video_codec;
