@@ -1,0 +1,135 @@
+#include "diagnostics.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "failure.h"
+#include "meru/log.h"
+
+namespace meru_tool {
+
+namespace {
+
+constexpr size_t kMostBytes = 1 << 18;
+
+int open_nameless() {
+  std::error_code error;
+  std::string pattern = (std::filesystem::temp_directory_path(error) / "meru-XXXXXX").string();
+  const int fd = mkostemp(pattern.data(), O_CLOEXEC | O_APPEND);
+  if (fd < 0) return open("/dev/null", O_RDWR | O_CLOEXEC);
+  unlink(pattern.c_str());
+  return fd;
+}
+
+int open_log(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (fd < 0) throw Failure("cannot write the log " + path + ": " + error_text(errno));
+  return fd;
+}
+
+bool contains(const std::string& line, const char* text) { return line.find(text) != std::string::npos; }
+
+/// A line of the library's log without prefix and quotes; any other line as it is.
+std::string message_of(const std::string& line) {
+  const size_t begin = line.find(": \"");
+  const size_t end = line.rfind('"');
+  if (!contains(line, "[bg] ") || begin == std::string::npos || end < begin + 3) return line;
+  return line.substr(begin + 3, end - begin - 3);
+}
+
+/// The words of an encoder or a muxer behind its "[name @ address] ", empty for any other line.
+std::string component_words(const std::string& line) {
+  const size_t at = line.find(" @ 0x");
+  const size_t end = line.find("] ");
+  if (line.empty() || line[0] != '[' || at == std::string::npos || end == std::string::npos) return {};
+  return line.substr(1, at - 1) + ": " + line.substr(end + 2);
+}
+
+bool tells_failure(const std::string& message) {
+  for (const char* text : {"Could not ", "Error ", "failed"}) {
+    if (contains(message, text)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Diagnostics::Diagnostics(const std::string& log, bool verbose) {
+  if (!log.empty()) {
+    m_file = Fd(open_log(log));
+  } else if (!verbose) {
+    m_file = Fd(open_nameless());
+  }
+  MERU_Log_Level(verbose ? 4 : 2);
+  if (m_file.get() < 0) return;
+  struct stat st {};
+  if (fstat(m_file.get(), &st) == 0) m_begin = st.st_size;
+  dup2(m_file.get(), STDOUT_FILENO);
+  dup2(m_file.get(), STDERR_FILENO);
+}
+
+/// The lines of this run, the last ones when there are very many.
+std::vector<std::string> Diagnostics::lines() const {
+  struct stat st {};
+  if (m_file.get() < 0 || fstat(m_file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return {};
+  const off_t begin = std::max(m_begin, st.st_size - static_cast<off_t>(kMostBytes));
+  std::string text(static_cast<size_t>(std::max<off_t>(st.st_size - begin, 0)), '\0');
+  const ssize_t n = pread(m_file.get(), text.data(), text.size(), begin);
+  text.resize(static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  std::vector<std::string> lines;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('\n', at), text.size());
+    lines.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return lines;
+}
+
+std::string Diagnostics::last_failure() const {
+  const std::vector<std::string> all = lines();
+  for (size_t i = all.size(); i-- > 0;) {
+    std::string message = message_of(all[i]);
+    // Opening an output names it in quotes that the library leaves empty, for the sake of secret stream keys.
+    if (message.rfind("Could not open '': ", 0) == 0) return message.substr(19);
+    if (!tells_failure(message) || !component_words(message).empty()) continue;
+    // "Generic error in an external library" says little; what the component printed before says what it was.
+    const std::string words = i > 0 ? component_words(all[i - 1]) : "";
+    return words.empty() || contains(words, ": using ") ? message : message + " (" + words + ")";
+  }
+  return {};
+}
+
+bool Diagnostics::start_given_up() const {
+  const std::vector<std::string> all = lines();
+  return std::any_of(all.begin(), all.end(),
+                     [](const std::string& line) { return contains(line, "---- catch error --- : Unknow"); });
+}
+
+bool Diagnostics::index_failed() const {
+  const std::vector<std::string> all = lines();
+  return std::any_of(all.begin(), all.end(), [](const std::string& line) {
+    return contains(line, "启动快照失败") || contains(line, "启动快照 (failed)");
+  });
+}
+
+std::vector<std::string> Diagnostics::further_output_failures() const {
+  std::vector<std::string> failures;
+  for (const std::string& line : lines()) {
+    const std::string message = message_of(line);
+    if (message.rfind("Error ###: ", 0) == 0) failures.push_back(message.substr(11));
+    const size_t errmsg = message.find("errmsg=");
+    if (message.rfind("[Write Pkt Err]", 0) == 0 && errmsg != std::string::npos) {
+      failures.push_back(message.substr(errmsg + 7));
+    }
+  }
+  return failures;
+}
+
+}  // namespace meru_tool

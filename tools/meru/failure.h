@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace meru_tool {
+
+/// Why the command cannot go on, in one line for the user.
+class Failure : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// A mistake in the command line itself.
+class UsageError : public Failure {
+  using Failure::Failure;
+};
+
+inline std::string error_text(int error) { return std::strerror(error); }
+
+}  // namespace meru_tool

@@ -1,0 +1,108 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+#include "console.h"
+#include "control.h"
+#include "diagnostics.h"
+#include "failure.h"
+#include "meru/export.h"
+#include "record_options.h"
+#include "recorder.h"
+
+namespace {
+
+using namespace meru_tool;
+
+constexpr int kUsageStatus = 2;
+
+// Read when the process ends, so it is never destroyed.
+std::atomic<const Diagnostics*> g_recording{nullptr};
+
+/// Some failures of the library end the process. The user still gets the one line, and the terminal its mode.
+void at_exit() {
+  restore_terminal();
+  const Diagnostics* diagnostics = g_recording;
+  if (diagnostics == nullptr) return;
+  const std::string reason = diagnostics->last_failure();
+  Console::instance().error(reason.empty() ? "the library ended the recording"
+                                           : "the library ended the recording: " + reason);
+}
+
+/// A closed standard descriptor would be given to the next file that is opened, and prints would go into it.
+void fill_standard_descriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) return;
+  }
+}
+
+/// A source that is cut while one of its images is mapped: nothing can be read in its place.
+void on_cut_source(int) {
+  static const char text[] = "meru: a source file was cut while it was read; the movie is not complete\n";
+  const ssize_t ignored = write(Console::instance().error_descriptor(), text, sizeof(text) - 1);
+  static_cast<void>(ignored);
+  restore_terminal();
+  _exit(EXIT_FAILURE);
+}
+
+int record(const CLI::App& cmd, const RecordOptions& options) {
+  check_options(cmd, options);
+  auto* diagnostics = new Diagnostics(options.log, options.verbose);  // at_exit() may still need it
+  std::vector<std::string> shortcomings;
+  {
+    Recorder recorder(options, diagnostics);
+    const bool keys = options.video_raw != "-" && options.y4m != "-" && options.audio_raw != "-";
+    const Control control(
+        keys, [&] { recorder.toggle_pause(); }, [&] { recorder.stop(); });
+    std::signal(SIGBUS, &on_cut_source);
+    g_recording = diagnostics;
+    try {
+      recorder.run();
+    } catch (...) {
+      g_recording = nullptr;
+      throw;
+    }
+    g_recording = nullptr;
+    shortcomings = recorder.shortcomings();
+  }
+  for (const std::string& text : shortcomings) Console::instance().error(text);
+  return shortcomings.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Records movies and live streams with MeruLib.", "meru");
+  app.set_version_flag("--version", "meru " MERU_VERSION_STRING);
+  app.require_subcommand(1);
+  RecordOptions options;
+  const CLI::App* record_command = add_record_command(&app, &options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    throw UsageError(std::string(e.what()) + " (see --help)");
+  }
+  return record(*record_command, options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  fill_standard_descriptors();
+  Console& console = Console::instance();
+  std::atexit(&at_exit);
+  try {
+    return run(argc, argv);
+  } catch (const UsageError& e) {
+    console.error(e.what());
+    return kUsageStatus;
+  } catch (const std::exception& e) {
+    console.error(e.what());
+    return EXIT_FAILURE;
+  }
+}

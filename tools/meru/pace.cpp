@@ -1,0 +1,83 @@
+#include "pace.h"
+
+#include <algorithm>
+
+namespace meru_tool {
+
+namespace {
+
+// The muxer holds back what one track is ahead of the other, so that the packets lie interleaved in the movie.
+constexpr int64_t kMostAhead = 1000000;
+
+}  // namespace
+
+void Pace::add(Track track, bool endless) { m_tracks[track] = {true, endless, false, 0}; }
+
+void Pace::begin() { m_begin = std::chrono::steady_clock::now(); }
+
+/// A source without an end ends with the other track.
+bool Pace::is_over(const State& mine, const State& other, int64_t stamp) const {
+  return m_stopped || (mine.endless && other.present && !other.endless && other.done && stamp >= other.time);
+}
+
+bool Pace::may_push(const State& mine, const State& other, int64_t stamp) const {
+  if (m_held) return false;
+  if (m_realtime || other.done) return true;
+  const int64_t ahead = mine.endless && !other.endless ? 0 : kMostAhead;
+  return stamp <= other.time + ahead;
+}
+
+bool Pace::wait_turn(Track track, int64_t stamp) {
+  const State& mine = m_tracks[track];
+  const State& other = m_tracks[1 - track];
+  std::unique_lock<std::mutex> lock(m_mutex);
+  const auto over = [&] { return is_over(mine, other, stamp); };
+  if (m_realtime) m_changed.wait_until(lock, m_begin + std::chrono::microseconds(stamp), over);
+  m_changed.wait(lock, [&] { return over() || may_push(mine, other, stamp); });
+  return !over();
+}
+
+void Pace::advance(Track track, int64_t time) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_tracks[track].time = time;
+  m_changed.notify_all();
+}
+
+void Pace::finish(Track track) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_tracks[track].done = true;
+  m_changed.notify_all();
+}
+
+void Pace::hold(bool held) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_held = held;
+  m_changed.notify_all();
+}
+
+void Pace::stop() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_stopped = true;
+  m_changed.notify_all();
+}
+
+bool Pace::stopped() const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_stopped;
+}
+
+bool Pace::wait_all(std::chrono::milliseconds deadline) {
+  const auto all_done = [this] { return m_tracks[0].done && m_tracks[1].done; };
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait_for(lock, deadline, [&] { return m_woken || all_done(); });
+  m_woken = false;
+  return all_done();
+}
+
+void Pace::wake() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_woken = true;
+  m_changed.notify_all();
+}
+
+}  // namespace meru_tool

@@ -1,0 +1,76 @@
+#include "progress.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "console.h"
+
+namespace meru_tool {
+
+namespace {
+
+constexpr double kMiB = 1024.0 * 1024.0;
+
+double seconds(std::chrono::steady_clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+std::string time_text(double recorded) {
+  const auto whole = static_cast<long long>(recorded);
+  char text[48];
+  std::snprintf(text, sizeof(text), "%02lld:%02lld:%06.3f", whole / 3600, whole / 60 % 60,
+                recorded - static_cast<double>(whole - whole % 60));
+  return text;
+}
+
+}  // namespace
+
+Progress::Progress(const std::string& output) : m_output(output) {}
+
+std::chrono::milliseconds Progress::interval() const {
+  return std::chrono::milliseconds(Console::instance().is_terminal() ? 250 : 1000);
+}
+
+/// What has reached the file; a live output has none.
+std::string Progress::size_text() const {
+  struct stat st {};
+  if (is_network(m_output) || stat(m_output.c_str(), &st) != 0) return {};
+  char text[48];
+  std::snprintf(text, sizeof(text), "  %.1f MiB", static_cast<double>(st.st_size) / kMiB);
+  return text;
+}
+
+std::string Progress::text(const Recorder::Figures& figures, bool has_video, double images_per_second) const {
+  std::string line = time_text(figures.seconds);
+  if (has_video) {
+    char text[80];
+    std::snprintf(text, sizeof(text), "  %lld frames  %.1f fps", static_cast<long long>(figures.images),
+                  images_per_second);
+    line += text;
+  }
+  return line + size_text();
+}
+
+void Progress::show(const Recorder& recorder) {
+  const Recorder::Figures figures = recorder.figures();
+  const auto now = Clock::now();
+  const double elapsed = seconds(now - m_shown);
+  if (elapsed < 0.1) return;
+  const double rate = static_cast<double>(figures.images - m_shown_images) / elapsed;
+  m_shown = now;
+  m_shown_images = figures.images;
+  const std::string line = text(figures, recorder.has_video(), rate);
+  if (Console::instance().is_terminal()) {
+    Console::instance().status(line + (figures.paused ? "  paused" : ""));
+  } else if (!figures.paused) {
+    Console::instance().line(line);
+  }
+}
+
+void Progress::finish(const Recorder& recorder) {
+  const Recorder::Figures figures = recorder.figures();
+  const double elapsed = seconds(Clock::now() - m_begin);
+  const double rate = elapsed > 0 ? static_cast<double>(figures.images) / elapsed : 0;
+  Console::instance().line("recorded " + text(figures, recorder.has_video(), rate) + "  " + m_output);
+}
+
+}  // namespace meru_tool
