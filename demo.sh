@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Builds MeruLib and records two movies into ./demo-out: ten seconds of the library's test picture and tone, and a raw
+# stream that another program makes and pipes in. Shows what is in each, and leaves a contact sheet beside it.
+set -euo pipefail
+cd "$(dirname "$0")"
+out=demo-out
+size=1280x720 fps=30 seconds=10 rate=48000
+
+step() { printf '\n== %s\n' "$*"; }
+
+# run LOG COMMAND...: what it prints goes to the log, and to the terminal when it fails.
+run() {
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 || { cat "$log" >&2; echo "failed: $*" >&2; return 1; }
+}
+
+probe() { ffprobe -v error -of default=nw=1:nk=1 "$@"; }  # one value a line
+
+describe() {  # MOVIE INDEX
+  local movie=$1 index=$2 video audio
+  mapfile -t video < <(probe -select_streams v -count_frames \
+    -show_entries stream=codec_name,width,height,start_time,duration,nb_read_frames "$movie")
+  mapfile -t audio < <(probe -select_streams a -count_frames \
+    -show_entries stream=codec_name,sample_rate,channels,start_time,duration,nb_read_frames "$movie")
+  if [ ${#video[@]} -ne 6 ] || [ ${#audio[@]} -ne 6 ]; then
+    echo "$movie lacks a stream" >&2
+    return 1
+  fi
+  local shift_sec records
+  shift_sec=$(awk -v a="${audio[3]}" -v v="${video[3]}" 'BEGIN { printf "%.6f", a - v }')
+  records=$(grep -v '^[#{]' "$index" | tr -cd ';' | wc -c)
+  printf '%-32s %-8s %-16s %6s  %s\n' "$movie" codec "size" frames duration
+  printf '%-32s %-8s %-16s %6s  %s s\n' "  video" "${video[0]}" "${video[1]}x${video[2]}" "${video[5]}" "${video[4]}"
+  printf '%-32s %-8s %-16s %6s  %s s\n' "  audio" "${audio[0]}" "${audio[1]} Hz, ${audio[2]} ch" "${audio[5]}" "${audio[4]}"
+  printf '%-32s %s s\n' "  audio start minus video start" "$shift_sec"
+  printf '%-32s %s\n' "  index records" "$records"
+}
+
+contact_sheet() {  # MOVIE PNG: 20 pictures, evenly from the whole movie
+  ffmpeg -nostdin -v error -y -i "$1" -vf "select='not(mod(n,$fps*$seconds/20))',scale=320:-1,tile=5x4" -frames:v 1 "$2"
+  echo "contact sheet: $2"
+}
+
+step "packages"
+tools/deps.sh build
+
+step "build"
+mkdir -p "$out"
+run "$out/build.log" cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DMERU_BUILD_TESTS=OFF -DMERU_BUILD_EXAMPLES=OFF -DMERU_BUILD_BENCH=OFF
+run "$out/build.log" cmake --build build/demo
+meru=build/demo/tools/meru/meru
+echo "$meru"
+
+step "test picture and tone"
+run "$out/test.log" "$meru" record --test --size "$size" --fps "$fps" --seconds "$seconds" \
+  -o "$out/test.mp4" --index "$out/test.index"
+describe "$out/test.mp4" "$out/test.index"
+contact_sheet "$out/test.mp4" "$out/test.png"
+
+step "a raw stream, piped in"
+piped() {
+  ffmpeg -nostdin -v error -f lavfi -i "testsrc2=size=$size:rate=$fps" -t "$seconds" -pix_fmt bgra -f rawvideo - |
+    "$meru" record --video-raw - --size "$size" --fps "$fps" --pix-fmt bgra \
+      --audio-raw <(ffmpeg -nostdin -v error -f lavfi -i "sine=frequency=440:beep_factor=4:sample_rate=$rate" \
+        -t "$seconds" -ac 2 -f s16le -) --rate "$rate" --channels 2 --sample-fmt s16 \
+      -o "$out/piped.mp4" --index "$out/piped.index"
+}
+run "$out/piped.log" piped
+describe "$out/piped.mp4" "$out/piped.index"
+contact_sheet "$out/piped.mp4" "$out/piped.png"
