@@ -7,10 +7,9 @@ install(TARGETS MeruLib EXPORT MeruLibTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/meru DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
-if(TARGET meru)
+if(TARGET meru)  # installed by its own folder; here it learns where its library lies
   file(RELATIVE_PATH library_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(meru PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_bin}")
-  install(TARGETS meru RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 # find_package(MeruLib) and the target MeruLib::MeruLib
