@@ -12,7 +12,7 @@ using meru_test::quoted;
 
 TEST(CHost, LoadsRecordsAndUnloadsTwice) {
   const meru_test::TempDir dir;
-  const std::string movies[] = {dir.file("first.mp4"), dir.file("second.mkv")};
+  const std::string movies[] = {dir.file("first.mp4"), dir.file("second.mov")};
   const auto result = meru_test::run_command(std::string(quoted(MERU_C_HOST)) + " " + quoted(MERU_LIBRARY) + " " +
                                              quoted(movies[0]) + " " + quoted(movies[1]));
   ASSERT_EQ(result.status, 0) << result.output;
@@ -28,7 +28,7 @@ TEST(CHost, LoadsRecordsAndUnloadsTwice) {
     EXPECT_EQ(video.at("codec_name"), "h264");
     EXPECT_EQ(video.at("width"), 64);
     EXPECT_EQ(video.at("height"), 48);
-    EXPECT_EQ(meru_test::probe_stream(movie, "audio").at("codec_name"), movie == movies[0] ? "aac" : "vorbis");
+    EXPECT_EQ(meru_test::probe_stream(movie, "audio").at("codec_name"), "aac");
   }
 }
 
