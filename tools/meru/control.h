@@ -1,12 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <thread>
 
 namespace meru_tool {
 
 /// Listens to the signals and, on a terminal, to the keys: Ctrl-C, SIGTERM and SIGHUP stop, `p` and SIGUSR1 pause. A
-/// second stop ends the process at once. One at a time.
+/// second stop, a second or more after the first, ends the process at once. One at a time.
 class Control {
  public:
   /// @param keys  whether standard input is free to be listened to
@@ -19,10 +20,11 @@ class Control {
  private:
   void listen();
   void handle(char event);
+  void handle_stop();
 
   std::function<void()> m_on_pause, m_on_stop;
   bool m_keys;
-  int m_stops = 0;
+  std::chrono::steady_clock::time_point m_first_stop{};
   std::thread m_thread;
 };
 

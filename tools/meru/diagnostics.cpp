@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "failure.h"
@@ -18,6 +19,10 @@ namespace meru_tool {
 namespace {
 
 constexpr size_t kMostBytes = 1 << 18;
+
+// What stands before the reason in lines that tell more of what the callback was told. The library leaves the quotes
+// empty, because addresses hold secret keys.
+constexpr const char* kReasonPrefixes[] = {"Could not open '': ", "Error occurred when opening output file: "};
 
 int open_nameless() {
   std::error_code error;
@@ -49,10 +54,14 @@ std::string component_words(const std::string& line) {
   const size_t at = line.find(" @ 0x");
   const size_t end = line.find("] ");
   if (line.empty() || line[0] != '[' || at == std::string::npos || end == std::string::npos) return {};
-  return line.substr(1, at - 1) + ": " + line.substr(end + 2);
+  const std::string words = line.substr(end + 2);
+  const std::string inner = component_words(words);
+  return inner.empty() ? line.substr(1, at - 1) + ": " + words : inner;
 }
 
 bool tells_failure(const std::string& message) {
+  // These repeat what the callback is told.
+  if (contains(message, "### statu cb") || contains(message, "---- catch error ---")) return false;
   for (const char* text : {"Could not ", "Error ", "failed"}) {
     if (contains(message, text)) return true;
   }
@@ -96,8 +105,9 @@ std::string Diagnostics::last_failure() const {
   const std::vector<std::string> all = lines();
   for (size_t i = all.size(); i-- > 0;) {
     std::string message = message_of(all[i]);
-    // Opening an output names it in quotes that the library leaves empty, for the sake of secret stream keys.
-    if (message.rfind("Could not open '': ", 0) == 0) return message.substr(19);
+    for (const char* prefix : kReasonPrefixes) {
+      if (message.rfind(prefix, 0) == 0) return message.substr(std::strlen(prefix));
+    }
     if (!tells_failure(message) || !component_words(message).empty()) continue;
     // "Generic error in an external library" says little; what the component printed before says what it was.
     const std::string words = i > 0 ? component_words(all[i - 1]) : "";

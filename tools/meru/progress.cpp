@@ -24,7 +24,7 @@ std::string time_text(double recorded) {
 
 }  // namespace
 
-Progress::Progress(const std::string& output) : m_output(output) {}
+Progress::Progress(const std::string& output, const std::string& shown) : m_output(output), m_shown_name(shown) {}
 
 std::chrono::milliseconds Progress::interval() const {
   return std::chrono::milliseconds(Console::instance().is_terminal() ? 250 : 1000);
@@ -67,10 +67,11 @@ void Progress::show(const Recorder& recorder) {
 }
 
 void Progress::finish(const Recorder& recorder) {
-  const Recorder::Figures figures = recorder.figures();
+  Recorder::Figures figures = recorder.figures();
+  figures.seconds = figures.longest;
   const double elapsed = seconds(Clock::now() - m_begin);
   const double rate = elapsed > 0 ? static_cast<double>(figures.images) / elapsed : 0;
-  Console::instance().line("recorded " + text(figures, recorder.has_video(), rate) + "  " + m_output);
+  Console::instance().line("recorded " + text(figures, recorder.has_video(), rate) + "  " + m_shown_name);
 }
 
 }  // namespace meru_tool

@@ -10,7 +10,8 @@ namespace meru_tool {
 /// Tells how far the recording is: a line that is written over on a terminal, else a plain line every second.
 class Progress {
  public:
-  explicit Progress(const std::string& output);
+  /// @param shown  the output as it is told to the user
+  Progress(const std::string& output, const std::string& shown);
 
   /// How long to wait from one look to the next.
   std::chrono::milliseconds interval() const;
@@ -23,7 +24,7 @@ class Progress {
   std::string size_text() const;
 
   using Clock = std::chrono::steady_clock;
-  std::string m_output;
+  std::string m_output, m_shown_name;
   Clock::time_point m_begin = Clock::now();
   Clock::time_point m_shown = m_begin;
   int64_t m_shown_images = 0;

@@ -9,8 +9,9 @@ namespace {
 
 const char* const kDescription =
     "Records images and sound into a movie file or a live stream.\n"
-    "p or SIGUSR1 pauses and resumes. Ctrl-C or SIGTERM ends the recording and completes the movie; a second one\n"
-    "ends at once. The exit status is 0 only when every output was completed and every source was read whole, 2 for\n"
+    "p or SIGUSR1 pauses and resumes. Ctrl-C or SIGTERM ends the recording and completes the movie; another one, a\n"
+    "second later, ends at once. The exit status is 0 only when every output was completed and every source was read "
+    "whole, 2 for\n"
     "a mistake in the command line, else 1.";
 
 void add_sources(CLI::App* cmd, RecordOptions* o) {

@@ -1,6 +1,9 @@
 #include "recorder.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <limits>
 
 #include "console.h"
 #include "failure.h"
@@ -13,6 +16,12 @@ namespace {
 
 constexpr std::chrono::milliseconds kLookInterval{100};
 constexpr std::chrono::seconds kAnswerGrace{1};
+
+/// The output as messages show it: the last part of an RTMP address is a secret key.
+std::string shown(const std::string& output) {
+  const size_t slash = output.rfind('/');
+  return output.rfind("rtmp://", 0) == 0 && slash > 6 ? output.substr(0, slash + 1) + "***" : output;
+}
 
 }  // namespace
 
@@ -37,7 +46,7 @@ void Recorder::run() {
   wait_for_first_pieces();
   start_session();
   {
-    Progress progress(m_options.output);
+    Progress progress(m_options.output, shown(m_options.output));
     for (TrackState* state : {&m_video, &m_audio}) begin(state);
     m_pace.begin();
     std::thread video(&Recorder::push_all, this, &m_video);
@@ -46,7 +55,7 @@ void Recorder::run() {
     video.join();
     audio.join();
     MERU_stop(&m_session);
-    if (!failure().empty()) throw Failure("the recording of " + m_options.output + " failed: " + failure());
+    if (!failure().empty()) throw Failure("the recording of " + shown(m_options.output) + " failed: " + failure());
     if (m_video.recorded == 0 && m_audio.recorded == 0) throw Failure("nothing was recorded");
     progress.finish(*this);
   }
@@ -87,21 +96,29 @@ std::string Recorder::failure() const {
 }
 
 void Recorder::start_session() {
-  const bool network = is_network(m_options.output) || std::any_of(m_options.also.begin(), m_options.also.end(),
-                                                                   [](const auto& u) { return is_network(u); });
+  const auto& also = m_options.also;
+  const bool network = is_network(m_options.output) || std::any_of(also.begin(), also.end(), &is_network);
   // Connecting takes its time and can be interrupted; a file is opened at once.
   m_session = MERU_start(m_info, &on_status, this, nullptr, network);
   if (network) wait_for_server();
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_started && m_failure.empty() && m_stop_asked) return;
-    if (m_started && m_failure.empty()) {
-      if (!m_options.index.empty() && m_diagnostics->index_failed())
-        m_failure = "the index " + m_options.index + " cannot be written";
-      if (m_failure.empty()) return;
-    }
+  if (started()) check_session();
+  if (!started() || !failure().empty()) fail_start();
+}
+
+bool Recorder::started() const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_started;
+}
+
+/// The library records on without what it could not set up; who asked for it should know at once.
+void Recorder::check_session() {
+  if (!m_options.index.empty() && m_diagnostics->index_failed()) {
+    note_failure("the index " + m_options.index + " cannot be written");
+  } else if (has_video() && MERU_video_dst_frame(m_session) == nullptr) {
+    note_failure("this kind of file holds no images (--no-video records the sound alone)");
+  } else if (m_audio.source != nullptr && MERU_audio_dst_frame(m_session) == nullptr) {
+    note_failure("this kind of file holds no sound (--no-audio records the images alone)");
   }
-  fail_start();
 }
 
 void Recorder::wait_for_server() {
@@ -117,20 +134,17 @@ void Recorder::wait_for_server() {
 
 void Recorder::fail_start() {
   std::string text = failure();
-  bool stopped = false;
-  {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    stopped = m_stop_asked && text.empty();
-  }
+  const bool begun = started();
+  const bool stopped = m_pace.stopped() && text.empty();
   const std::string reason = m_diagnostics->last_failure();
   MERU_stop(&m_session);
   if (stopped) throw Failure("stopped before the recording had begun");
   if (text.empty()) {
     text = reason.empty() ? "the encoder refused its settings" : reason;
-  } else if (!reason.empty()) {
+  } else if (!begun && !reason.empty()) {
     text += ": " + reason;
   }
-  throw Failure("cannot record " + m_options.output + ": " + text);
+  throw Failure("cannot record " + shown(m_options.output) + ": " + text);
 }
 
 void Recorder::begin(TrackState* state) {
@@ -211,11 +225,13 @@ void Recorder::watch(Progress* progress) {
 
 Recorder::Figures Recorder::figures() const {
   Figures figures;
-  int64_t usec = 0;
+  figures.seconds = has_video() ? std::numeric_limits<double>::max() : 0;
   for (const TrackState* state : {&m_video, &m_audio}) {
-    if (state->source != nullptr) usec = std::max(usec, state->source->time_of(state->recorded));
+    if (state->source == nullptr) continue;
+    const double time = static_cast<double>(state->source->time_of(state->recorded)) / 1e6;
+    figures.seconds = has_video() ? std::min(figures.seconds, time) : time;
+    figures.longest = std::max(figures.longest, time);
   }
-  figures.seconds = static_cast<double>(usec) / 1e6;
   figures.images = m_video.recorded;
   figures.paused = m_paused;
   return figures;
@@ -228,6 +244,10 @@ std::vector<std::string> Recorder::shortcomings() const {
   }
   for (const std::string& reason : m_diagnostics->further_output_failures()) {
     texts.push_back("a further output failed: " + reason);
+  }
+  struct stat st {};
+  if (!m_options.index.empty() && (stat(m_options.index.c_str(), &st) != 0 || st.st_size == 0)) {
+    texts.push_back("the index " + m_options.index + " was not written");
   }
   return texts;
 }

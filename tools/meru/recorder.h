@@ -32,7 +32,8 @@ class Recorder {
 
   /// What has gone into the movie so far.
   struct Figures {
-    double seconds = 0;
+    double seconds = 0;  ///< how far every track has got
+    double longest = 0;  ///< how far one of them has got
     int64_t images = 0;
     bool paused = false;
   };
@@ -56,6 +57,8 @@ class Recorder {
   void wait_for_first_pieces();
   void start_session();
   void wait_for_server();
+  bool started() const;
+  void check_session();
   [[noreturn]] void fail_start();
   void begin(TrackState* state);
   void push_all(TrackState* state);

@@ -1,0 +1,237 @@
+// The command `meru record` while it runs: signals, the keyboard, progress, the clock.
+
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <termios.h>
+
+#include <chrono>
+
+#include "support/local_listener.h"
+#include "support/meru_tool.h"
+#include "support/probe.h"
+
+namespace meru_test {
+namespace {
+
+const std::string kTest = "--test --size 64x48 ";
+
+/// How far the last plain progress line says that the recording is, in seconds; -1 before the first line.
+double told_seconds(const std::string& out) {
+  const size_t at = out.rfind("00:00:");
+  return at == std::string::npos ? -1 : std::strtod(out.c_str() + at + 6, nullptr);
+}
+
+class MeruRecordControlTest : public testing::TestWithParam<int> {
+ protected:
+  /// Expects a movie that is as long as the command says.
+  void expect_told_movie(const ToolProcess& tool) {
+    const std::string path = m_folder.file("m.mp4");
+    EXPECT_EQ(tool.err(), "");
+    EXPECT_EQ(decode_errors(path), "");
+    const std::string out = tool.out();
+    const size_t last = out.rfind("recorded ");
+    ASSERT_NE(last, std::string::npos) << out;
+    const int frames = count_frames(path);
+    EXPECT_GT(frames, 0);
+    EXPECT_NE(out.find("  " + std::to_string(frames) + " frames", last), std::string::npos) << out << frames;
+  }
+
+  ToolFolder m_folder;
+};
+
+TEST_P(MeruRecordControlTest, SignalLeavesAPlayableMovie) {
+  ToolProcess tool(m_folder, kTest + "--realtime -o m.mp4");
+  ASSERT_TRUE(tool.says("frames"));
+  tool.send(GetParam());
+  EXPECT_EQ(tool.wait(), 0);
+  expect_told_movie(tool);
+}
+
+TEST_P(MeruRecordControlTest, SignalSentTwiceAtOnceIsOneRequest) {
+  ToolProcess tool(m_folder, kTest + "-o m.mp4");
+  ASSERT_TRUE(tool.says("frames"));
+  tool.send(GetParam());
+  tool.send(GetParam());
+  EXPECT_EQ(tool.wait(), 0);
+  expect_told_movie(tool);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stop, MeruRecordControlTest, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+using MeruRecordPauseTest = MeruRecordControlTest;
+
+TEST_F(MeruRecordPauseTest, PausedTimeOfLiveSourcesIsLeftOut) {
+  ToolProcess tool(m_folder, kTest + "--fps 25 --realtime --seconds 3 -o m.mp4");
+  ASSERT_TRUE(tool.says("frames"));
+  tool.send(SIGUSR1);
+  ASSERT_TRUE(tool.says("paused\n"));
+  // The sources go on for longer than is missing from the movie; none of it may count.
+  ASSERT_FALSE(eventually([&] { return !tool.is_running(); }, std::chrono::milliseconds(2500)));
+  tool.send(SIGUSR1);
+  ASSERT_TRUE(tool.says("resumed\n"));
+  EXPECT_EQ(tool.wait(), 0);
+  expect_told_movie(tool);
+  EXPECT_EQ(count_frames(m_folder.file("m.mp4")), 75);
+  EXPECT_NEAR(number(probe_stream(m_folder.file("m.mp4"), "video"), "duration"), 3, 0.081);
+  EXPECT_NEAR(number(probe_stream(m_folder.file("m.mp4"), "audio"), "duration"), 3, 0.081);
+}
+
+TEST_F(MeruRecordPauseTest, PauseHoldsWorkThatHasNoClock) {
+  ToolProcess tool(m_folder, kTest + "--fps 25 --seconds 400 -o m.mp4");
+  ASSERT_TRUE(tool.says("frames"));
+  tool.send(SIGUSR1);
+  ASSERT_TRUE(tool.says("paused\n"));
+  const std::string told = tool.out();
+  EXPECT_FALSE(eventually([&] { return tool.out() != told; }, std::chrono::milliseconds(1500)));
+  tool.send(SIGUSR1);
+  ASSERT_TRUE(tool.says("resumed\n"));
+  tool.send(SIGINT);
+  EXPECT_EQ(tool.wait(), 0);
+  expect_told_movie(tool);
+}
+
+TEST_F(MeruRecordPauseTest, StopDuringAPauseLeavesAPlayableMovie) {
+  for (const char* pace : {"", "--realtime "}) {
+    SCOPED_TRACE(pace);
+    ToolProcess tool(m_folder, kTest + pace + "-o m.mp4");
+    ASSERT_TRUE(eventually([&] { return told_seconds(tool.out()) > 0.1; }));
+    tool.send(SIGUSR1);
+    ASSERT_TRUE(tool.says("paused\n"));
+    tool.send(SIGTERM);
+    EXPECT_EQ(tool.wait(), 0);
+    expect_told_movie(tool);
+    std::filesystem::remove(m_folder.file("out.txt"));
+  }
+}
+
+TEST_F(MeruRecordPauseTest, RealtimeKeepsThePaceOfTheClock) {
+  const auto begin = std::chrono::steady_clock::now();
+  const ToolRun run = m_folder.record(kTest + "--realtime --seconds 2 -o m.mp4");
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_GE(taken.count(), 1.9);
+  EXPECT_EQ(count_frames(m_folder.file("m.mp4")), 60);
+}
+
+using MeruRecordStopTest = MeruRecordControlTest;
+
+TEST_F(MeruRecordStopTest, WaitForAPipeCanBeEnded) {
+  ASSERT_EQ(run_command("mkfifo " + quoted(m_folder.file("v"))).status, 0);
+  ToolProcess tool(m_folder, "--video-raw v --size 64x48 -o m.mp4");
+  // Held open without a byte in it: the command waits for the first image.
+  const int writer = open(m_folder.file("v").c_str(), O_WRONLY);
+  ASSERT_GE(writer, 0);
+  ASSERT_EQ(write(writer, "x", 1), 1);
+  ASSERT_TRUE(tool.catches(SIGINT));
+  tool.send(SIGINT);
+  EXPECT_EQ(tool.wait(), 1);
+  close(writer);
+  EXPECT_EQ(tool.err(), "meru: stopped before anything was recorded\n");
+  EXPECT_FALSE(std::filesystem::exists(m_folder.file("m.mp4")));
+}
+
+TEST_F(MeruRecordStopTest, PipeThatFallsSilentCanBeEnded) {
+  ASSERT_EQ(run_command("mkfifo " + quoted(m_folder.file("v"))).status, 0);
+  ToolProcess tool(m_folder, "--video-raw v --size 64x48 --preset ultrafast -o m.mp4");
+  const int writer = open(m_folder.file("v").c_str(), O_WRONLY);
+  ASSERT_GE(writer, 0);
+  const std::string images(64UL * 48 * 4 * 5 / 2, '\x40');  // two and a half
+  ASSERT_EQ(write(writer, images.data(), images.size()), static_cast<ssize_t>(images.size()));
+  ASSERT_TRUE(tool.says("  2 frames"));
+  tool.send(SIGINT);
+  EXPECT_EQ(tool.wait(), 0);
+  close(writer);
+  expect_told_movie(tool);
+  EXPECT_EQ(count_frames(m_folder.file("m.mp4")), 2);
+}
+
+TEST_F(MeruRecordStopTest, ConnectingCanBeEnded) {
+  const SilentServer server;
+  ToolProcess tool(m_folder, kTest + "--seconds 5 --timeout 60 -o " + server.url("rtmp"));
+  ASSERT_TRUE(eventually([&] {
+    return run_command("ls -l /proc/" + std::to_string(tool.pid()) + "/fd").output.find("socket:") != std::string::npos;
+  }));
+  tool.send(SIGINT);
+  EXPECT_EQ(tool.wait(std::chrono::seconds(5)), 1);
+  EXPECT_EQ(tool.err(), "meru: stopped before the recording had begun\n");
+}
+
+/// A terminal of which the test holds the other end.
+class MeruRecordTerminalTest : public testing::Test {
+ protected:
+  MeruRecordTerminalTest() { EXPECT_EQ(openpty(&m_master, &m_slave, nullptr, nullptr, nullptr), 0); }
+  ~MeruRecordTerminalTest() override {
+    close(m_master);
+    close(m_slave);
+  }
+  termios mode() const {
+    termios mode{};
+    EXPECT_EQ(tcgetattr(m_slave, &mode), 0);
+    return mode;
+  }
+  /// Reads what the command shows until the text is there.
+  bool shows(const std::string& text) {
+    return eventually([&] {
+      fcntl(m_master, F_SETFL, O_NONBLOCK);
+      char buffer[4096];
+      for (ssize_t n = 0; (n = read(m_master, buffer, sizeof(buffer))) > 0;)
+        m_shown.append(buffer, static_cast<size_t>(n));
+      return m_shown.find(text) != std::string::npos;
+    });
+  }
+  void forget_shown() { m_shown.clear(); }
+  void press(char key) const { ASSERT_EQ(write(m_master, &key, 1), 1); }
+
+  ToolFolder m_folder;
+  int m_master = -1, m_slave = -1;
+  std::string m_shown;
+};
+
+TEST_F(MeruRecordTerminalTest, KeyPausesAndTheTerminalGetsItsModeBack) {
+  ASSERT_NE(mode().c_lflag & ICANON, 0U);
+  ToolProcess tool(m_folder, kTest + "--realtime -o m.mp4", m_slave);
+  ASSERT_TRUE(shows(" fps"));
+  EXPECT_EQ(mode().c_lflag & ICANON, 0U);
+  EXPECT_EQ(mode().c_lflag & ECHO, 0U);
+  press('p');
+  ASSERT_TRUE(shows("paused"));
+  forget_shown();
+  press('p');
+  ASSERT_TRUE(shows(" fps"));
+  press('\x03');  // Ctrl-C
+  ASSERT_TRUE(shows("recorded "));
+  EXPECT_EQ(tool.wait(), 0);
+  EXPECT_NE(mode().c_lflag & ICANON, 0U);
+  EXPECT_NE(mode().c_lflag & ECHO, 0U);
+  EXPECT_EQ(decode_errors(m_folder.file("m.mp4")), "");
+}
+
+TEST_F(MeruRecordTerminalTest, TerminalGetsItsModeBackWhenTheLibraryEndsTheProcess) {
+  ToolProcess tool(m_folder, "--test --no-video --seconds 1 -o m.amr", m_slave);
+  EXPECT_EQ(tool.wait(), 1);
+  EXPECT_NE(tool.err().find("Could not find encoder"), std::string::npos) << tool.err();
+  EXPECT_NE(mode().c_lflag & ICANON, 0U);
+  EXPECT_NE(mode().c_lflag & ECHO, 0U);
+}
+
+TEST_F(MeruRecordTerminalTest, ProgressIsOneLineThatIsWrittenOver) {
+  ToolProcess tool(m_folder, kTest + "--realtime --seconds 1 -o m.mp4", m_slave);
+  ASSERT_TRUE(shows("recorded "));
+  EXPECT_EQ(tool.wait(), 0);
+  const std::string before = m_shown.substr(0, m_shown.find("recorded "));
+  EXPECT_EQ(before.find('\n'), std::string::npos) << before;
+  EXPECT_NE(before.find("\r00:00:00."), std::string::npos) << before;
+  EXPECT_NE(before.find(" MiB"), std::string::npos) << before;
+}
+
+TEST_F(MeruRecordControlTest, ProgressIsPlainLinesWithoutATerminal) {
+  const ToolRun run = m_folder.record(kTest + "--realtime --seconds 2.5 -o m.mp4");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_GE(line_count(run.out), 2);
+  EXPECT_EQ(run.out.find('\r'), std::string::npos);
+  EXPECT_EQ(run.out.find('\033'), std::string::npos);
+  EXPECT_EQ(run.err, "");
+}
+
+}  // namespace
+}  // namespace meru_test
