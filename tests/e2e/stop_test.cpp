@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -37,11 +38,12 @@ struct LateCallbacks {
   }
 };
 
-/// Starts, lets `delay` pass, stops, and checks how long the two calls took.
-void start_and_stop(const MovieInfo& info, std::chrono::microseconds delay, LateCallbacks* callbacks) {
+/// Starts, lets `delay` pass, stops, and checks how long the stop took.
+/// @return how long the start took
+Clock::duration start_and_stop(const MovieInfo& info, std::chrono::microseconds delay, LateCallbacks* callbacks) {
   const auto before_start = Clock::now();
   void* session = MERU_start(info, &LateCallbacks::callback, callbacks, nullptr, true);
-  EXPECT_LT(Clock::now() - before_start, milliseconds(50));
+  const auto start_took = Clock::now() - before_start;
   // The moment of the stop is what is tested; nothing is waited for.
   std::this_thread::sleep_for(delay);
   const auto before_stop = Clock::now();
@@ -49,6 +51,13 @@ void start_and_stop(const MovieInfo& info, std::chrono::microseconds delay, Late
   callbacks->stopped = true;
   EXPECT_LT(Clock::now() - before_stop, milliseconds(1000));
   EXPECT_EQ(session, nullptr);
+  return start_took;
+}
+
+/// A start that waits for its output does so every time; a busy machine delays some.
+void expect_prompt(std::vector<Clock::duration> took) {
+  std::nth_element(took.begin(), took.begin() + static_cast<ptrdiff_t>(took.size() / 2), took.end());
+  EXPECT_LT(took[took.size() / 2], milliseconds(50));
 }
 
 TEST(StopDuringStartTest, FileOutputs) {
@@ -56,13 +65,15 @@ TEST(StopDuringStartTest, FileOutputs) {
   LogCapture log;
   constexpr int kRounds = 240;
   std::vector<std::unique_ptr<LateCallbacks>> rounds;
+  std::vector<Clock::duration> starts;
   for (int i = 0; i < kRounds; ++i) {
     const char* const extensions[] = {"mp4", "flv", "mkv"};
     MovieInfo info = small_movie(dir.file(std::to_string(i) + "." + extensions[i % 3]));
     if (i % 2 == 0) set_text(info.snapshot_path, dir.file(std::to_string(i) + ".index"));
     rounds.push_back(std::make_unique<LateCallbacks>());
-    start_and_stop(info, std::chrono::microseconds(i * 5000 / kRounds), rounds.back().get());
+    starts.push_back(start_and_stop(info, std::chrono::microseconds(i * 5000 / kRounds), rounds.back().get()));
   }
+  expect_prompt(starts);
   // Starts that were left behind end by themselves.
   EXPECT_TRUE(eventually([&] { return log.count(4, "--- stop OK") == kRounds; }));
   for (const auto& round : rounds) EXPECT_EQ(round->late, 0);
@@ -86,12 +97,15 @@ TEST_P(StopDuringConnectTest, ReturnsAtOnceAndNothingIsReportedAfterwards) {
   if (GetParam().refused) server.close();
   constexpr int kRounds = 30;
   std::vector<std::unique_ptr<LateCallbacks>> rounds;
+  std::vector<Clock::duration> starts;
   for (int i = 0; i < kRounds; ++i) {
     MovieInfo info = small_movie(GetParam().as_further_output ? dir.file(std::to_string(i) + ".mp4") : url);
     if (GetParam().as_further_output) info.other_urls[0] = url.c_str();
     rounds.push_back(std::make_unique<LateCallbacks>());
-    start_and_stop(info, std::chrono::microseconds(i % 10 < 9 ? i * 5000 / kRounds : 60000), rounds.back().get());
+    const std::chrono::microseconds delay(i % 10 < 9 ? i * 5000 / kRounds : 60000);
+    starts.push_back(start_and_stop(info, delay, rounds.back().get()));
   }
+  expect_prompt(starts);
   EXPECT_TRUE(eventually([&] { return log.count(4, "--- stop OK") == kRounds; }));
   for (const auto& round : rounds) EXPECT_EQ(round->late, 0);
 }
@@ -110,7 +124,7 @@ TEST(StopDuringStartTest, OpeningThatCannotBeBrokenOff) {
   const std::string pipe = dir.file("movie.mkv");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   LateCallbacks callbacks;
-  start_and_stop(small_movie(pipe), milliseconds(50), &callbacks);
+  EXPECT_LT(start_and_stop(small_movie(pipe), milliseconds(50), &callbacks), milliseconds(1000));
   EXPECT_EQ(log.count(4, "--- stop OK"), 0);
   // A reader lets the opening return; what was left behind then frees itself.
   run_command("timeout 20 cat " + quoted(pipe) + " > /dev/null");
