@@ -57,7 +57,7 @@ TEST_P(MeruRecordFailureTest, IsOneLine) {
 INSTANTIATE_TEST_SUITE_P(
     CommandLine, MeruRecordFailureTest,
     testing::Values(FailureCase{"nothing", "", kUsage, "subcommand"},
-                    FailureCase{"unknown_subcommand", "play", kUsage, "play"},
+                    FailureCase{"unknown_subcommand", "play", kUsage, "subcommand"},
                     FailureCase{"unknown_option", TEST_MOVIE "--bogus", kUsage, "--bogus"},
                     FailureCase{"no_output", TEST_SOURCE, kUsage, "--output"},
                     FailureCase{"empty_output", TEST_SOURCE "-o ''", kUsage, "-o"},

@@ -14,6 +14,7 @@ namespace meru_tool {
 
 namespace {
 
+constexpr long long kUsecPerSec = 1000000;
 constexpr std::chrono::milliseconds kLookInterval{100};
 constexpr std::chrono::seconds kAnswerGrace{1};
 
@@ -102,6 +103,9 @@ void Recorder::start_session() {
   m_session = MERU_start(m_info, &on_status, this, nullptr, network);
   if (network) wait_for_server();
   if (started()) check_session();
+  MovieInfo effective;
+  MERU_get_mInfo(m_session, &effective);
+  m_fps = effective.fps;
   if (!started() || !failure().empty()) fail_start();
 }
 
@@ -164,6 +168,15 @@ void Recorder::push_all(TrackState* state) {
   m_pace.finish(state->track);
 }
 
+/// The library drops an image whose time does not rise by a frame, which happens where a pause was cut out.
+bool Recorder::was_taken(const TrackState& state) {
+  if (state.track != Pace::kVideo || state.recorded == 0) return true;
+  const long long index = (MERU_movie_time(m_session) * m_fps + kUsecPerSec / 2) / kUsecPerSec;
+  const bool rises = index > m_last_index;
+  m_last_index = std::max(m_last_index, index);
+  return rises;
+}
+
 bool Recorder::push_next(TrackState* state) {
   MediaSource& source = *state->source;
   const int64_t room = state->wanted < 0 ? INT64_MAX : state->wanted - state->recorded;
@@ -175,7 +188,7 @@ bool Recorder::push_next(TrackState* state) {
     const bool dropped = MERU_is_paused(m_session);
     result = source.push(m_session);
     state->pushed += source.units();
-    if (!dropped) state->recorded += source.units();
+    if (!dropped && was_taken(*state)) state->recorded += source.units();
   }
   if (result < 0) {
     const std::string reason = m_diagnostics->last_failure();

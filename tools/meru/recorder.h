@@ -63,6 +63,7 @@ class Recorder {
   void begin(TrackState* state);
   void push_all(TrackState* state);
   bool push_next(TrackState* state);
+  bool was_taken(const TrackState& state);
   void change_pause();
   void note_failure(const std::string& text);
   std::string failure() const;
@@ -74,6 +75,8 @@ class Recorder {
   MovieInfo m_info;
   Pace m_pace;
   void* m_session = nullptr;
+  int m_fps = 0;                       // the movie's frame rate
+  long long m_last_index = 0;          // the video thread's: where the last image stands, in frames
   std::mutex m_push_mutex;             // a pause begins between two pushes, never in one: so every image is counted
   std::atomic<int> m_pauses_asked{0};  // changes not carried out yet
   std::atomic<bool> m_paused{false};
