@@ -18,6 +18,8 @@ extern "C" {
 namespace {
 
 constexpr AVRational kUsec{1, 1000000};
+constexpr int64_t kLongestSilenceUsec = 24 * 3600 * int64_t{1000000};
+constexpr int64_t kMaxPieceSamples = 768000;
 
 int sample_bytes(const MovieInfo& info) {
   return av_get_bytes_per_sample(static_cast<AVSampleFormat>(info.sample_fmt));
@@ -170,19 +172,22 @@ int IOCvt::push_pcm(uint8_t* data, int nb_samples, long long pts) {
 int IOCvt::fill_audio_silence(long long dur, long long pts) {
   if (!ready_for_audio()) return 0;
   const int frame_bytes = sample_bytes(*m_info) * m_info->channels;
-  if (frame_bytes <= 0) return 0;
+  // A gap of days comes from a wrong stamp. Filling it would take hours; without it the next sound still gets its time.
+  if (frame_bytes <= 0 || dur > kLongestSilenceUsec) return 0;
   const int64_t nbytes = av_rescale_rnd(std::max(dur, 0LL), m_resample->in_byte_rate(), 1000000, AV_ROUND_ZERO);
+  if (nbytes < 0) return 0;
   return push_silence(nbytes / frame_bytes, pts);
 }
 
 /// Feeds silence in pieces of at most a second, so that a long gap costs no memory. No samples still make one call.
 int IOCvt::push_silence(int64_t nb_samples, long long pts) {
   const int64_t rate = m_info->sample_rate_src;
+  const int64_t longest = std::min(rate, kMaxPieceSamples);
   const size_t frame_bytes = static_cast<size_t>(sample_bytes(*m_info)) * static_cast<size_t>(m_info->channels);
   int result = 0;
   int64_t done = 0;
   do {
-    const auto piece = static_cast<int>(std::min(nb_samples - done, rate));
+    const auto piece = static_cast<int>(std::min(nb_samples - done, longest));
     m_silence.resize(std::max({m_silence.size(), static_cast<size_t>(piece) * frame_bytes, frame_bytes}));
     const int pushed = push_pcm(m_silence.data(), piece, pts + av_rescale(done, kUsec.den, rate));
     if (pushed != 0) result = pushed;

@@ -116,10 +116,20 @@ void set_rate_control(AVCodecContext* enc, const MovieInfo& info, int64_t rate) 
 }
 
 void set_colours(AVCodecContext* enc, const MovieInfo& info) {
-  if (info.color_primaries != 0) enc->color_primaries = static_cast<AVColorPrimaries>(info.color_primaries);
-  if (info.color_trc != 0) enc->color_trc = static_cast<AVColorTransferCharacteristic>(info.color_trc);
-  if (info.colorspace != AVCOL_SPC_UNSPECIFIED) enc->colorspace = static_cast<AVColorSpace>(info.colorspace);
-  if (info.color_range != 0) enc->color_range = static_cast<AVColorRange>(info.color_range);
+  // Numbers that FFmpeg gives no meaning to are left out: no encoder or container knows what to do with them.
+  const auto named = [](int value, int end) { return value >= 0 && value < end; };
+  if (info.color_primaries != 0 && named(info.color_primaries, AVCOL_PRI_NB)) {
+    enc->color_primaries = static_cast<AVColorPrimaries>(info.color_primaries);
+  }
+  if (info.color_trc != 0 && named(info.color_trc, AVCOL_TRC_NB)) {
+    enc->color_trc = static_cast<AVColorTransferCharacteristic>(info.color_trc);
+  }
+  if (info.colorspace != AVCOL_SPC_UNSPECIFIED && named(info.colorspace, AVCOL_SPC_NB)) {
+    enc->colorspace = static_cast<AVColorSpace>(info.colorspace);
+  }
+  if (info.color_range != 0 && named(info.color_range, AVCOL_RANGE_NB)) {
+    enc->color_range = static_cast<AVColorRange>(info.color_range);
+  }
 }
 
 void set_frame_rate(OutputStream* ost, MovieInfo* info) {

@@ -110,6 +110,17 @@ TEST_F(BadPushTest, ExtremeStampsDoNoHarm) {
   EXPECT_EQ(count_frames(m_path), 2);
 }
 
+TEST_F(BadPushTest, SilenceOfYearsIsNotMade) {
+  m_host.push_image(kUsecPerSec);
+  m_host.push_samples(4800, kUsecPerSec);
+  EXPECT_EQ(push_pcm(nullptr, 0, LLONG_MAX), 0);
+  EXPECT_EQ(push_pcm(nullptr, 0, LLONG_MIN), 0);
+  EXPECT_EQ(push_pcm(nullptr, 0, LLONG_MAX), 0);
+  for (int i = 1; i < 20; ++i) m_host.push_samples(480, kUsecPerSec + 90000 + i * 10000);
+  expect_movie(1);
+  EXPECT_NEAR(static_cast<double>(decoded_sound(m_path).size()), 4800 + 19 * 480, 2 * 1024);
+}
+
 TEST(ExtremeFirstStampTest, DoesNoHarm) {
   for (const long long at : {LLONG_MAX, LLONG_MIN, -1LL, 0LL}) {
     const TempDir dir;

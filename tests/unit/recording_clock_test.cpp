@@ -23,6 +23,17 @@ TEST(RecordingClockTest, StampBeforeTheFirstIsNegative) {
   EXPECT_EQ(clock.stream_time(4000000), -1000000);
 }
 
+TEST(RecordingClockTest, ExtremeStampsStayFarApartWithoutOverflow) {
+  for (const int64_t first : {int64_t{0}, INT64_MAX}) {
+    RecordingClock clock;
+    clock.note_first(first);
+    EXPECT_LT(clock.stream_time(INT64_MIN), INT64_MIN / 8);
+    EXPECT_GE(clock.stream_time(INT64_MAX), 0);
+    // The difference of any two times can be computed.
+    EXPECT_GT(clock.stream_time(INT64_MAX) - clock.stream_time(INT64_MIN), 0);
+  }
+}
+
 TEST(RecordingClockTest, NegativeFirstStampIsReplacedByTheNext) {
   RecordingClock clock;
   clock.note_first(-10);
