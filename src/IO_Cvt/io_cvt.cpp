@@ -18,7 +18,7 @@ extern "C" {
 namespace {
 
 constexpr AVRational kUsec{1, 1000000};
-constexpr int64_t kLongestSilenceUsec = 24 * 3600 * int64_t{1000000};
+constexpr int64_t kLongestSilenceUsec = 30 * 24 * 3600 * int64_t{1000000};
 constexpr int64_t kMaxPieceSamples = 768000;
 
 int sample_bytes(const MovieInfo& info) {
@@ -172,7 +172,7 @@ int IOCvt::push_pcm(uint8_t* data, int nb_samples, long long pts) {
 int IOCvt::fill_audio_silence(long long dur, long long pts) {
   if (!ready_for_audio()) return 0;
   const int frame_bytes = sample_bytes(*m_info) * m_info->channels;
-  // A gap of days comes from a wrong stamp. Filling it would take hours; without it the next sound still gets its time.
+  // A gap of months comes from a wrong stamp. Filling it would take for ever; without it the next sound keeps its time.
   if (frame_bytes <= 0 || dur > kLongestSilenceUsec) return 0;
   const int64_t nbytes = av_rescale_rnd(std::max(dur, 0LL), m_resample->in_byte_rate(), 1000000, AV_ROUND_ZERO);
   if (nbytes < 0) return 0;
