@@ -12,6 +12,7 @@
 #include "support/eventually.h"
 #include "support/host.h"
 #include "support/probe.h"
+#include "support/sanitized.h"
 #include "support/temp_dir.h"
 
 namespace meru_test {
@@ -114,15 +115,15 @@ TEST(PauseTest, FiftyPausesKeepSoundAndPictureInStep) {
   void* const session = host.session();
   const long long begin = MERU_current_sys_usec();
   std::atomic<long long> marker{INT64_MAX};
-  std::atomic<bool> done{false};
+  std::atomic<long long> end{INT64_MAX};
   std::thread camera([&] {
-    for (long long at = begin; !done; at += kUsecPerSec / info.fps) {
+    for (long long at = begin; at < end; at += kUsecPerSec / info.fps) {
       wait_until(at);
       push_shot(session, info, at, marker);
     }
   });
   std::thread microphone([&] {
-    for (long long at = begin; !done; at += kPieceUsec) {
+    for (long long at = begin; at < end; at += kPieceUsec) {
       wait_until(at + kPieceUsec);
       push_piece(session, at, marker);
     }
@@ -137,8 +138,8 @@ TEST(PauseTest, FiftyPausesKeepSoundAndPictureInStep) {
   }
   const long long marked = MERU_current_sys_usec() + 200000;
   marker = marked;
-  wait_until(marked + 400000);
-  done = true;
+  // By the stamps, so that both end together even when the machine lets one of them fall behind.
+  end = marked + 400000;
   camera.join();
   microphone.join();
   host.stop();
@@ -147,7 +148,7 @@ TEST(PauseTest, FiftyPausesKeepSoundAndPictureInStep) {
   const double frame = 1.0 / info.fps;
   const auto video = probe_packets(path, "v:0");
   const auto audio = probe_packets(path, "a:0");
-  EXPECT_NEAR(video.back().pts + frame, audio.back().pts + audio.back().duration, 2 * frame);
+  EXPECT_NEAR(video.back().pts + frame, audio.back().pts + audio.back().duration, frame + 1024.0 / 48000);
   const double loud = first_loud(path, 48000);
   const double white = first_white(path, info);
   ASSERT_GT(loud, 1);
@@ -206,7 +207,9 @@ TEST(SilenceTest, HalfAnHourCostsNoMemory) {
   };
   const long before = resident();
   EXPECT_NE(MERU_write_audio_pcm(host.session(), nullptr, 0, 1801 * kUsecPerSec), 0);
-  EXPECT_LT(resident() - before, 16 * 1024);
+  if (!kSanitized) {
+    EXPECT_LT(resident() - before, 16 * 1024);
+  }
   host.stop();
   const auto audio = probe_packets(path, "a:0");
   EXPECT_NEAR(audio.back().pts + audio.back().duration, 1800, 0.3);
