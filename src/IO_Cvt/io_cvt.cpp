@@ -179,7 +179,7 @@ int IOCvt::fill_audio_silence(long long dur, long long pts) {
   return push_silence(nbytes / frame_bytes, pts);
 }
 
-/// Feeds silence in pieces of at most a second, so that a long gap costs no memory. No samples still make one call.
+/// Feeds silence in pieces of at most a second, so that a long gap costs no memory.
 int IOCvt::push_silence(int64_t nb_samples, long long pts) {
   const int64_t rate = m_info->sample_rate_src;
   const int64_t longest = std::min(rate, kMaxPieceSamples);
