@@ -111,7 +111,8 @@ std::string Diagnostics::last_failure() const {
     if (!tells_failure(message) || !component_words(message).empty()) continue;
     // "Generic error in an external library" says little; what the component printed before says what it was.
     const std::string words = i > 0 ? component_words(all[i - 1]) : "";
-    return words.empty() || contains(words, ": using ") ? message : message + " (" + words + ")";
+    if (!words.empty() && !contains(words, ": using ")) message.append(" (").append(words).append(")");
+    return message;
   }
   return {};
 }

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace meru_tool {
 
@@ -16,6 +16,6 @@ class UsageError : public Failure {
   using Failure::Failure;
 };
 
-inline std::string error_text(int error) { return std::strerror(error); }
+inline std::string error_text(int error) { return std::generic_category().message(error); }
 
 }  // namespace meru_tool

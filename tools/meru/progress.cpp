@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "console.h"
 
@@ -24,7 +25,8 @@ std::string time_text(double recorded) {
 
 }  // namespace
 
-Progress::Progress(const std::string& output, const std::string& shown) : m_output(output), m_shown_name(shown) {}
+Progress::Progress(std::string output, std::string shown)
+    : m_output(std::move(output)), m_shown_name(std::move(shown)) {}
 
 std::chrono::milliseconds Progress::interval() const {
   return std::chrono::milliseconds(Console::instance().is_terminal() ? 250 : 1000);

@@ -11,7 +11,7 @@ namespace meru_tool {
 class Progress {
  public:
   /// @param shown  the output as it is told to the user
-  Progress(const std::string& output, const std::string& shown);
+  Progress(std::string output, std::string shown);
 
   /// How long to wait from one look to the next.
   std::chrono::milliseconds interval() const;
