@@ -129,11 +129,14 @@ TEST(PauseTest, FiftyPausesKeepSoundAndPictureInStep) {
     }
   });
   std::mt19937 random(7);
-  std::uniform_int_distribution<long long> length(20000, 80000);
+  std::uniform_int_distribution<int> pieces(2, 7);
   for (int i = 0; i < 50; ++i) {
-    wait_until(MERU_current_sys_usec() + 30000);
+    // From just before a piece arrives to just after another one does: each pause costs the sound some milliseconds
+    // more than the picture, and the fifty of them a quarter of a second.
+    const long long boundary = (MERU_current_sys_usec() + 40000 - begin) / kPieceUsec * kPieceUsec + begin;
+    wait_until(boundary - 2500);
     EXPECT_TRUE(MERU_pause(session));
-    wait_until(MERU_current_sys_usec() + length(random));
+    wait_until(boundary + pieces(random) * kPieceUsec + 3000);
     EXPECT_TRUE(MERU_resume(session));
   }
   const long long marked = MERU_current_sys_usec() + 200000;
