@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing. The one list of what MeruLib needs.
 #   tools/deps.sh build   to build the library, the command and the examples, and to look at what they record
-#   tools/deps.sh test    and to check and test them
+#   tools/deps.sh test    and to check, test and measure them
 set -euo pipefail
 
 packages=(
@@ -12,7 +12,7 @@ packages=(
 )
 test_packages=(
   libgtest-dev libgmock-dev nlohmann-json3-dev libbenchmark-dev
-  clang-format clang-tidy binutils
+  clang-format clang-tidy binutils time
 )
 
 case "${1:-}" in
