@@ -11,6 +11,16 @@ extern "C" {
 #define MERU_STRING(x) MERU_STRING_(x)
 #define PLAIN_NAME(name) __asm__(MERU_STRING(__USER_LABEL_PREFIX__) #name)
 
+namespace {
+
+/// A null time base stands for microseconds, so that no reference to nothing is made.
+const AVRational& or_usec(const AVRational* tb) {
+  static constexpr AVRational kUsec{1, 1000000};
+  return tb != nullptr ? *tb : kUsec;
+}
+
+}  // namespace
+
 extern "C" {
 
 #define MERU_PLAIN(result, name, params, args)             \
@@ -34,8 +44,10 @@ MERU_PLAIN(int, MERU_write_video_bgra, (void* session, void* bgra, int nbytes, l
            (session, bgra, nbytes, pts_usec, linesize))
 MERU_PLAIN(int, MERU_write_audio_pcm, (void* session, void* pcm, int nbytes, long long pts_usec),
            (session, pcm, nbytes, pts_usec))
-MERU_PLAIN(int, MERU_write_video_frame, (void* session, AVFrame* frame, const AVRational* tb), (session, frame, *tb))
-MERU_PLAIN(int, MERU_write_audio_frame, (void* session, AVFrame* frame, const AVRational* tb), (session, frame, *tb))
+MERU_PLAIN(int, MERU_write_video_frame, (void* session, AVFrame* frame, const AVRational* tb),
+           (session, frame, or_usec(tb)))
+MERU_PLAIN(int, MERU_write_audio_frame, (void* session, AVFrame* frame, const AVRational* tb),
+           (session, frame, or_usec(tb)))
 MERU_PLAIN(bool, MERU_add_audio_filter, (void* session, FilterBase* filter), (session, filter))
 MERU_PLAIN(bool, MERU_add_video_filter, (void* session, FilterBase* filter), (session, filter))
 MERU_PLAIN(AVFrame*, MERU_audio_dst_frame, (void* session), (session))
@@ -43,7 +55,7 @@ MERU_PLAIN(AVFrame*, MERU_video_dst_frame, (void* session), (session))
 MERU_PLAIN(bool, MERU_get_mInfo, (void* session, MovieInfo* out), (session, out))
 MERU_PLAIN(long long, MERU_current_sys_usec, (), ())
 MERU_PLAIN(long long, MERU_last_usec_pts, (void* session), (session))
-MERU_PLAIN(AVFrame*, MERU_generate_testing_vFrame, (void* session, const AVRational* tb), (session, *tb))
-MERU_PLAIN(AVFrame*, MERU_generate_testing_aFrame, (void* session, const AVRational* tb), (session, *tb))
+MERU_PLAIN(AVFrame*, MERU_generate_testing_vFrame, (void* session, const AVRational* tb), (session, or_usec(tb)))
+MERU_PLAIN(AVFrame*, MERU_generate_testing_aFrame, (void* session, const AVRational* tb), (session, or_usec(tb)))
 
 }  // extern "C"

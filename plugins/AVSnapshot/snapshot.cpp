@@ -224,6 +224,7 @@ void Snapshot::record_previous(const AVFormatContext* oc, const AVPacket* pkt, i
   cache.write_int64(usual_duration ? 0 : last_duration, ',');
   cache.write_int(last_key_flag, ';');
   if (cache.size() <= kLineLimit) return;
+  avio_flush(oc->pb);
   put_pending();
   fputc('\n', fp.get());
   fflush(fp.get());

@@ -26,7 +26,7 @@ class Snapshot {
   /// Installs the hooks on `oc`, which must have its I/O open and its header not yet written. The index's own header is
   /// written when the muxer writes its. @return whether the output is indexed from now on
   bool write_header(AVFormatContext* oc);
-  /// Hands the finished records to the operating system, without ending the line.
+  /// Writes the finished records to the file, without ending the line.
   void flush();
   void close();
   int version() const { return 2; }

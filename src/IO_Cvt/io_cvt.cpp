@@ -198,7 +198,7 @@ int IOCvt::push_silence(int64_t nb_samples, long long pts) {
 
 int IOCvt::push_audio(AVFrame* frame, const AVRational* tb) {
   m_audio_samples += frame->nb_samples;
-  if (!m_realign_audio.exchange(false)) return in_frame(false, frame, tb);
+  if (frame->nb_samples < 1 || !m_realign_audio.exchange(false)) return in_frame(false, frame, tb);
   // A copy: the host's frame stays as it is, and the silence needs the frame that wraps the host's PCM.
   const FramePtr aligned(av_frame_clone(frame));
   if (aligned == nullptr) return in_frame(false, frame, tb);

@@ -83,6 +83,13 @@ DictionaryPtr io_options(const char* url, int timeout_sec) {
   return DictionaryPtr(options);
 }
 
+void set_rtsp_options(AVFormatContext* ctx, int timeout_sec) {
+  av_opt_set(ctx->priv_data, "rtsp_transport", "tcp", 0);
+  // In 32 bits, as the option is documented: a huge value wraps.
+  const auto usec = static_cast<int>(static_cast<uint32_t>(timeout_sec) * 1000000U);
+  if (timeout_sec > 0) av_opt_set_int(ctx->priv_data, meru_compat::rtsp_timeout_option(), usec, 0);
+}
+
 MR_AVWriter::MR_AVWriter(int max_cache, int extra_cache, const char* url)
     : m_queue(std::make_unique<PacketQueue>()),
       m_max_cache(max_cache),
@@ -260,7 +267,7 @@ int MR_AVWriter::make_clone(AVFormatContext* src, const char* url, FormatContext
   out->reset(ctx);
   if (ret < 0) return ret;
   ctx->interrupt_callback = m_interrupt.callback();
-  if (isRtspStream(url)) av_opt_set(ctx->priv_data, "rtsp_transport", "tcp", 0);
+  if (isRtspStream(url)) set_rtsp_options(ctx, m_timeout_sec);
   ret = copy_streams(src, ctx);
   if (ret < 0) return ret;
   av_dump_format(ctx, 0, public_url(url).c_str(), 1);

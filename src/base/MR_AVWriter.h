@@ -37,6 +37,8 @@ bool isRtspStream(const char* url);
 bool isLiveStream(const char* url);
 /// @return `url` fit for a log: the last path element of an RTMP address is a secret key and becomes "***"
 std::string public_url(const char* url);
+/// Makes an RTSP output use TCP, and bounds its reads and writes when `timeout_sec` is positive.
+void set_rtsp_options(AVFormatContext* ctx, int timeout_sec);
 /// I/O options of an output: bounds each network read and write by `timeout_sec` when that is positive.
 DictionaryPtr io_options(const char* url, int timeout_sec);
 

@@ -64,7 +64,7 @@ void AudioEnc::open_audio(AVFormatContext* /*oc*/, const AVCodec* codec, OutputS
 }
 
 int AudioEnc::write_packet(OutputStream* ost, AVPacket* packet) {
-  if (m_filter != nullptr) m_filter->on_audio_packet(packet);
+  if (FilterBase* filter = m_filter; filter != nullptr) filter->on_audio_packet(packet);
   packet->stream_index = ost->st->index;
   const int ret = m_writer->writePacket(&ost->enc->time_base, packet, true);
   av_packet_unref(packet);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include "base/enc_base.h"
 
 /// Encodes samples that are in the encoder's format already and hands the packets to the writer. Used by the thread
@@ -32,8 +34,8 @@ class AudioEnc : public EncBase {
   void restart_tone(int sample_rate);
   void fill_tone(AVFrame* frame, int channels);
 
-  FilterBase* m_filter = nullptr;  // not owned
-  float m_t = 0;                   // phase of the test tone
-  float m_tincr = 0;               // phase step of a sample
-  float m_tincr2 = 0;              // increase of the step with each sample
+  std::atomic<FilterBase*> m_filter{nullptr};  // not owned; may be set while another thread pushes
+  float m_t = 0;                               // phase of the test tone
+  float m_tincr = 0;                           // phase step of a sample
+  float m_tincr2 = 0;                          // increase of the step with each sample
 };

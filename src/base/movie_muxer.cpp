@@ -27,9 +27,6 @@ std::array<const char*, 5> other_urls(const MovieInfo& info) {
   return urls;
 }
 
-/// `seconds` in microseconds, in 32 bits as the option is documented; a huge value wraps instead of overflowing.
-int timeout_usec(int seconds) { return static_cast<int>(static_cast<uint32_t>(seconds) * 1000000U); }
-
 }  // namespace
 
 MovieBase::MovieBase(BaseWriter* writer) : m_writer(writer != nullptr ? writer : new BaseWriter) {}
@@ -70,10 +67,11 @@ int MovieMuxer::start(const MovieInfo& info, MovieStatusCallback cb, void* user,
   MERU_LOG(2, "\\n\\n\\n");
   m_blocked = true;
   meru_compat::register_all();
-  if (MR::isRtspStream(info.url) || info.hasRtmpStream()) avformat_network_init();
+  m_network = MR::isRtspStream(info.url) || info.hasRtmpStream();
+  if (m_network) avformat_network_init();
 
   m_start_ctx = std::make_shared<StartCtx>();
-  m_start_ctx->info = info;
+  m_start_ctx->take(info);
   m_start_ctx->muxer = this;
   m_start_ctx->cb = cb;
   m_start_ctx->user = user;
@@ -99,59 +97,6 @@ int MovieMuxer::start(const MovieInfo& info, MovieStatusCallback cb, void* user,
     throw;
   }
   return 0;
-}
-
-void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
-  // Held here: the muxer may be destroyed, and drop its reference, while a callback made below still runs.
-  const std::shared_ptr<StartCtx> ctx = shared;  // NOLINT(performance-unnecessary-copy-initialization)
-  int code = MERU_STATUS_OK;
-  std::string text = "start OK";
-  bool report = true;
-  if (*ctx->exited) {
-    MERU_LOG(2, "=^= running begin: already exited,  exit thread");
-    leave(ctx.get());
-    return;
-  }
-  try {
-    ctx->muxer->start_thread_running(ctx->info, ctx.get());
-  } catch (const MR::MRException& e) {
-    MERU_LOG(2, " ---- catch error --- : %s", e.what());
-    code = e.code();
-    text = e.what();
-  } catch (...) {
-    MERU_LOG(2, " ---- catch error --- : Unknow\\n");
-    report = false;
-  }
-
-  bool stopped = false;
-  {
-    const std::lock_guard<std::mutex> lock(ctx->mutex);
-    stopped = *ctx->exited && !ctx->over;
-    ctx->over = ctx->over || !stopped;
-  }
-  if (stopped) {
-    if (code != MERU_STATUS_OK) MERU_LOG(2, "=#= catch exception: already exited, ignore ...");
-    ctx->muxer->close_output();
-    leave(ctx.get());
-    return;
-  }
-  // From here on the muxer may be gone.
-  if (code == MR::kAlreadyExited) {
-    MERU_LOG(2, "== catch exception: already exited, ignore ...");
-  } else if (report && ctx->cb != nullptr) {
-    ctx->cb(code, text.c_str(), ctx->user);
-  }
-}
-
-/// The start routine's last act when the recording was stopped meanwhile: what MERU_stop left to it is done here.
-void StartCtx::leave(StartCtx* ctx) {
-  std::function<void()> last_leaves;
-  {
-    const std::lock_guard<std::mutex> lock(ctx->mutex);
-    ctx->over = true;
-    last_leaves = std::move(ctx->last_leaves);
-  }
-  if (last_leaves) last_leaves();
 }
 
 void MovieMuxer::start_thread_running(MovieInfo info, StartCtx* ctx) {
@@ -200,12 +145,11 @@ void MovieMuxer::set_network_options(const MovieInfo& info) {
   m_oformat->get()->video_codec = AV_CODEC_ID_H264;
   m_oformat->get()->audio_codec = rtsp ? AV_CODEC_ID_OPUS : AV_CODEC_ID_AAC;
   if (rtsp) {
-    av_opt_set(m_oc->priv_data, "rtsp_transport", "tcp", 0);
+    MR::set_rtsp_options(m_oc.get(), info.timeout_sec);
     m_oc->max_interleave_delta = kRtspInterleaveUsec;
-  }
-  if (info.timeout_sec > 0) {
-    const char* option = rtsp ? meru_compat::rtsp_timeout_option() : "stimeout";
-    av_opt_set_int(m_oc->priv_data, option, timeout_usec(info.timeout_sec), 0);
+  } else if (info.timeout_sec > 0) {
+    // No RTMP muxer knows the option; what bounds its I/O is set where the connection is opened.
+    av_opt_set_int(m_oc->priv_data, "stimeout", static_cast<int64_t>(info.timeout_sec) * 1000000, 0);
   }
 }
 
@@ -266,7 +210,10 @@ void MovieMuxer::write_header(const MovieInfo& info) {
 void MovieMuxer::accept_frames(const MovieInfo& info, StartCtx* ctx) {
   {
     const std::lock_guard<std::mutex> lock(m_info_mutex);
+    const MovieInfo given = m_info;
     m_info = info;
+    // The host sees its own pointers, not the copies that the start works on.
+    std::copy(std::begin(given.other_urls), std::end(given.other_urls), m_info.other_urls);
   }
   m_writer->start();
   const std::lock_guard<std::mutex> lock(ctx->mutex);
@@ -406,8 +353,7 @@ void MovieMuxer::close_output() {
     avio_closep(&oc->pb);
     MERU_LOG(4, "--- close io OK.");
   }
-  const MovieInfo info = info_copy();
-  if (MR::isRtspStream(info.url) || info.hasRtmpStream()) {
+  if (m_network) {
     MERU_LOG(4, "--- has rtmp .");
     avformat_network_deinit();
   }

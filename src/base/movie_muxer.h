@@ -8,12 +8,12 @@
 
 #include "base/audio_enc.h"
 #include "base/base_writer.h"
+#include "base/start_ctx.h"
 #include "base/video_enc.h"
 #include "common/ffmpeg_compat.h"
 #include "common/ffmpeg_handles.h"
 #include "meru/movie_info.h"
 
-class MovieMuxer;
 class Snapshot;
 
 /// Owns the packet writer of a recording.
@@ -27,27 +27,6 @@ class MovieBase {
 
  protected:
   std::unique_ptr<BaseWriter> m_writer;
-};
-
-/// What the start routine works on. Shared by the muxer and the start thread, so that neither needs the other to stay.
-struct StartCtx {
-  StopFlag exited = std::make_shared<std::atomic<bool>>(false);
-  MovieInfo info{};
-  MovieMuxer* muxer = nullptr;
-  MovieStatusCallback cb = nullptr;
-  void* user = nullptr;
-  std::shared_ptr<void> keep_user;  // keeps `user` valid for a callback that is just about to be made
-
-  std::mutex mutex;
-  bool over = false;                  // guarded by mutex: the start routine no longer touches the muxer
-  bool has_output = false;            // guarded by mutex: the start routine has an output context
-  std::function<void()> last_leaves;  // guarded by mutex: what the start routine does last when it was left behind
-
-  /// The start routine, on the start thread or inline.
-  static void thread_running(const std::shared_ptr<StartCtx>& ctx);
-
- private:
-  static void leave(StartCtx* ctx);
 };
 
 /// Turns frames into one output: chooses the container, sets up streams and encoders, opens the output and the side
@@ -146,6 +125,7 @@ class MovieMuxer : public MovieBase {
   std::atomic<bool> m_blocked{true};
   std::atomic<int64_t> m_last_v_pts{-1};
   std::atomic<int64_t> m_last_a_pts{-1};
+  bool m_network = false;  // an output is a live stream, so FFmpeg's networking is in use
   std::shared_ptr<StartCtx> m_start_ctx;
   std::unique_ptr<Snapshot> m_snapshot;
 };

@@ -58,7 +58,9 @@ int64_t video_bit_rate(const EncoderChoice& choice, const MovieInfo& info) {
   if (info.v_bitrate != 0) return static_cast<int64_t>(info.v_bitrate) * 1000;
   int rate = 0;
   if (choice.hardware || choice.codec->id != AV_CODEC_ID_H264) {
-    const int64_t bits = static_cast<int64_t>(info.width) * info.height * info.fps * 32;
+    // Sizes that make no sense wrap here; the encoder refuses them when it is opened.
+    const auto of = [](int value) { return static_cast<uint64_t>(static_cast<int64_t>(value)); };
+    const auto bits = static_cast<int64_t>(of(info.width) * of(info.height) * of(info.fps) * 32);
     rate = static_cast<int>(static_cast<int64_t>(static_cast<double>(bits) * 0.003));
   }
   nuv::print_stderr("[auto] v_bitrate=%d\n", rate);

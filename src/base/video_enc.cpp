@@ -7,7 +7,6 @@
 
 #include "common/log_site.h"
 #include "common/printf_i64.h"
-#include "common/scaler.h"
 
 namespace {
 
@@ -67,23 +66,45 @@ void VideoEnc::open_video(AVFormatContext* /*oc*/, const AVCodec* codec, OutputS
   ost->tmp_frame.reset();
 }
 
+/// The encoder's input frame, or a frame like it while a converter shares the input frame's buffers or the encoder
+/// still reads them: those must not change.
+AVFrame* VideoEnc::conversion_target(OutputStream* ost) {
+  AVFrame* frame = ost->frame.get();
+  if (frame->buf[0] == nullptr || av_buffer_get_ref_count(frame->buf[0]) == 1) return frame;
+  if (m_spare == nullptr) {
+    m_spare = alloc_picture(static_cast<AVPixelFormat>(frame->format), frame->width, frame->height);
+    if (m_spare == nullptr || m_spare->buf[0] == nullptr) return nullptr;
+  }
+  int sharers = 1;
+  return make_buffers_free(m_spare.get(), &sharers) ? m_spare.get() : nullptr;
+}
+
 AVFrame* VideoEnc::check_frame_format(OutputStream* ost, AVFrame* frame) {
   const AVCodecContext* enc = ost->enc.get();
   if (frame->format == enc->pix_fmt) return frame;
-  AVFrame* out = ost->frame.get();
   if (m_sws == nullptr) {
-    m_sws = make_scaler({frame->width, frame->height, frame->format}, {enc->width, enc->height, enc->pix_fmt},
-                        out->colorspace, out->color_range);
+    m_sws_src = {frame->width, frame->height, frame->format};
+    m_sws = make_scaler(m_sws_src, {enc->width, enc->height, enc->pix_fmt}, ost->frame->colorspace,
+                        ost->frame->color_range);
     if (m_sws == nullptr) end_without_scaler();
-    m_frame_sharers = out->buf[0] != nullptr ? av_buffer_get_ref_count(out->buf[0]) : 0;
   }
-  if (!make_buffers_free(out, &m_frame_sharers)) return nullptr;
+  AVFrame* out = conversion_target(ost);
+  if (out == nullptr) return nullptr;
   sws_scale(m_sws.get(), frame->data, frame->linesize, 0, frame->height, out->data, out->linesize);
   out->pts = frame->pts;
   out->colorspace = frame->colorspace;
   out->color_range = frame->color_range;
   nuv::print_stderr("---------- V pts: %I64d\n", static_cast<long long>(out->pts));
   return out;
+}
+
+/// A larger image of the encoder's format is cut by the encoder, but it would read beyond a smaller one, and so would
+/// the scaler beyond an image that is not like the first.
+bool VideoEnc::accepts(const OutputStream& ost, const AVFrame& frame) const {
+  const AVCodecContext* enc = ost.enc.get();
+  if (frame.format == enc->pix_fmt) return frame.width >= enc->width && frame.height >= enc->height;
+  return m_sws == nullptr ||
+         (frame.width == m_sws_src.width && frame.height == m_sws_src.height && frame.format == m_sws_src.format);
 }
 
 int VideoEnc::write_packet(OutputStream* ost, AVPacket* packet) {
@@ -100,13 +121,12 @@ int VideoEnc::write_video_frame(AVFormatContext* oc, OutputStream* ost, AVFrame*
   const PacketPtr packet(av_packet_alloc());
   if (packet == nullptr) return -2;
   if (frame != nullptr && m_filter != nullptr) frame = m_filter->on_video_frame(frame);
-  if (frame != nullptr) frame = check_frame_format(ost, frame);
-  if (frame == nullptr) return drain(ost, packet.get());
-  // A larger image is cut by the encoder, but it would read beyond a smaller one.
-  if (frame->width < ost->enc->width || frame->height < ost->enc->height) {
-    MERU_LOG(2, "Error encoding video frame: %s\\n", "the image is smaller than the encoder's");
+  if (frame != nullptr && !accepts(*ost, *frame)) {
+    MERU_LOG(2, "Error encoding video frame: %s\\n", "the image has not the size and the format that are encoded");
     return -2;
   }
+  if (frame != nullptr) frame = check_frame_format(ost, frame);
+  if (frame == nullptr) return drain(ost, packet.get());
 
   const EncodeResult result = encode(ost->enc.get(), frame, packet.get());
   if (result.error < 0) {

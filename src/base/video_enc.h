@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "base/enc_base.h"
+#include "common/scaler.h"
 
 /// Encodes images and hands the packets to the writer. Used by the thread that pushes video, and by stop().
 class VideoEnc : public EncBase {
@@ -18,7 +19,8 @@ class VideoEnc : public EncBase {
   ///         -1 no output context; -2 the encoder failed; -3 the writer refused a packet
   int write_video_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame);
 
-  /// The frame itself when it has the encoder's pixel format, else its conversion, valid until the next call.
+  /// The frame itself when it has the encoder's pixel format, else its conversion, valid until the next call. The first
+  /// frame that needs a conversion says the size and the format of all that do.
   AVFrame* check_frame_format(OutputStream* ost, AVFrame* frame);
 
   /// Takes ownership of `filter`; an earlier one is deleted.
@@ -35,10 +37,13 @@ class VideoEnc : public EncBase {
  private:
   int write_packet(OutputStream* ost, AVPacket* packet);
   int drain(OutputStream* ost, AVPacket* packet);
+  bool accepts(const OutputStream& ost, const AVFrame& frame) const;
+  AVFrame* conversion_target(OutputStream* ost);
   bool paint_test_picture(AVFrame* picture, int frame_index);
 
   std::unique_ptr<FilterBase> m_filter;
   SwsPtr m_sws;
   SwsPtr m_test_sws;
-  int m_frame_sharers = 0;  // references to the encoder frame's buffers while nothing is being encoded
+  ImageFormat m_sws_src;  // what m_sws converts from
+  FramePtr m_spare;       // converted into while somebody else holds the buffers of the encoder's input frame
 };

@@ -182,6 +182,15 @@ TEST_F(MeruRecordTroubleTest, IncompleteLastImageIsLeftOutAndTold) {
   }
 }
 
+TEST_F(MeruRecordTroubleTest, EndThatIsNotReachedIsNotTold) {
+  write_file(m_folder.file("cut.raw"), std::string(64UL * 48 * 4 * 3 + 100, '\x40'));
+  write_file(m_folder.file("cut.pcm"), std::string(4801UL * 4 + 3, '\0'));
+  const ToolRun run = m_folder.record("--video-raw - --size 64x48 --audio-raw cut.pcm --seconds 0.1 -o m.mp4 <cut.raw");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(count_frames(m_folder.file("m.mp4")), 3);
+}
+
 TEST_F(MeruRecordTroubleTest, IncompleteLastY4mImageIsLeftOutAndTold) {
   const std::string image = "FRAME Ip\n" + std::string(64UL * 48 * 3 / 2, '\x40');
   write_file(m_folder.file("cut.y4m"), "YUV4MPEG2 W64 H48 F25:1 C420jpeg\n" + image + image + image.substr(0, 1009));

@@ -323,6 +323,16 @@ TEST_F(IOCvtTest, SmallGapAfterAPauseIsFilledWithSilence) {
   EXPECT_EQ(cvt->samples(), 4800 + 480 + 4800);
 }
 
+TEST_F(IOCvtTest, EmptyBufferAfterAPauseLeavesTheNextToBeAligned) {
+  const auto cvt = started_cvt();
+  cvt->fill_audio_pcm(m_pcm, 4800 * 4, 0);
+  cvt->realign_audio();
+  cvt->fill_audio_pcm(m_pcm, 0, 105000);
+  cvt->fill_audio_silence(0, 105000);
+  cvt->fill_audio_pcm(m_pcm, 4800 * 4, 110000);
+  EXPECT_EQ(cvt->samples(), 4800 + 480 + 4800);
+}
+
 TEST_F(IOCvtTest, SmallOverlapAfterAPauseIsCut) {
   const auto cvt = started_cvt();
   cvt->fill_audio_pcm(m_pcm, 4800 * 4, 0);

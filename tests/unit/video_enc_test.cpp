@@ -154,8 +154,30 @@ TEST_F(VideoEncTest, ImageSmallerThanTheEncodersIsRefused) {
   open("mpeg4");
   EXPECT_EQ(write(0, AV_PIX_FMT_YUV420P, kWidth - 2, kHeight), -2);
   EXPECT_EQ(write(0, AV_PIX_FMT_YUV420P, kWidth, kHeight - 2), -2);
-  EXPECT_EQ(log.count(2, "Error encoding video frame: the image is smaller than the encoder's\\n"), 2);
+  EXPECT_EQ(log.count(2, "Error encoding video frame: the image has not the size and the format that are encoded\\n"),
+            2);
   EXPECT_EQ(write(0), 1);
+}
+
+TEST_F(VideoEncTest, ImageUnlikeTheFirstOfAnotherFormatIsRefused) {
+  open("mpeg4");
+  EXPECT_EQ(write(0, AV_PIX_FMT_BGRA, 2 * kWidth, 2 * kHeight), 1);
+  EXPECT_EQ(write(1, AV_PIX_FMT_BGRA, kWidth, 2 * kHeight), -2);
+  EXPECT_EQ(write(1, AV_PIX_FMT_BGRA, 2 * kWidth, kHeight), -2);
+  EXPECT_EQ(write(1, AV_PIX_FMT_RGB24, 2 * kWidth, 2 * kHeight), -2);
+  EXPECT_EQ(write(1, AV_PIX_FMT_BGRA, 2 * kWidth, 2 * kHeight), 1);
+}
+
+TEST_F(VideoEncTest, SharedBuffersOfTheInputFrameAreNotConvertedInto) {
+  open("mpeg4");
+  const FramePtr sharer(av_frame_clone(m_ost.frame.get()));
+  const std::vector<uint8_t> before = pixels(sharer.get());
+  const FramePtr frame = make_picture(AV_PIX_FMT_BGRA, kWidth, kHeight, 9);
+  const AVFrame* out = m_enc.check_frame_format(&m_ost, frame.get());
+  ASSERT_NE(out, nullptr);
+  EXPECT_NE(out, m_ost.frame.get());
+  EXPECT_EQ(pixels(sharer.get()), before);
+  EXPECT_NE(pixels(out), before);
 }
 
 TEST_F(VideoEncTest, RefusingWriterIsReportedAndTheNextFrameStillEncoded) {

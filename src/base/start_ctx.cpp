@@ -1,0 +1,69 @@
+#include "base/start_ctx.h"
+
+#include <iterator>
+#include <utility>
+
+#include "base/MR_AVWriter.h"
+#include "base/movie_muxer.h"
+#include "common/log_site.h"
+
+void StartCtx::take(const MovieInfo& record) {
+  info = record;
+  for (size_t i = 0; i < other_urls.size() && info.other_urls[i] != nullptr; ++i) {
+    other_urls[i] = info.other_urls[i];
+    info.other_urls[i] = other_urls[i].c_str();
+  }
+}
+
+void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
+  // Held here: the muxer may be destroyed, and drop its reference, while a callback made below still runs.
+  const std::shared_ptr<StartCtx> ctx = shared;  // NOLINT(performance-unnecessary-copy-initialization)
+  int code = MERU_STATUS_OK;
+  std::string text = "start OK";
+  bool report = true;
+  if (*ctx->exited) {
+    MERU_LOG(2, "=^= running begin: already exited,  exit thread");
+    leave(ctx.get());
+    return;
+  }
+  try {
+    ctx->muxer->start_thread_running(ctx->info, ctx.get());
+  } catch (const MR::MRException& e) {
+    MERU_LOG(2, " ---- catch error --- : %s", e.what());
+    code = e.code();
+    text = e.what();
+  } catch (...) {
+    MERU_LOG(2, " ---- catch error --- : Unknow\\n");
+    report = false;
+  }
+
+  bool stopped = false;
+  {
+    const std::lock_guard<std::mutex> lock(ctx->mutex);
+    stopped = *ctx->exited && !ctx->over;
+    ctx->over = ctx->over || !stopped;
+  }
+  if (stopped) {
+    if (code != MERU_STATUS_OK) MERU_LOG(2, "=#= catch exception: already exited, ignore ...");
+    ctx->muxer->close_output();
+    leave(ctx.get());
+    return;
+  }
+  // From here on the muxer may be gone.
+  if (code == MR::kAlreadyExited) {
+    MERU_LOG(2, "== catch exception: already exited, ignore ...");
+  } else if (report && ctx->cb != nullptr) {
+    ctx->cb(code, text.c_str(), ctx->user);
+  }
+}
+
+/// The start routine's last act when the recording was stopped meanwhile: what MERU_stop left to it is done here.
+void StartCtx::leave(StartCtx* ctx) {
+  std::function<void()> last_leaves;
+  {
+    const std::lock_guard<std::mutex> lock(ctx->mutex);
+    ctx->over = true;
+    last_leaves = std::move(ctx->last_leaves);
+  }
+  if (last_leaves) last_leaves();
+}
