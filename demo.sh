@@ -48,7 +48,7 @@ tools/deps.sh build
 step "build"
 mkdir -p "$out"
 run "$out/build.log" cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release \
-  -DMERU_BUILD_TESTS=OFF -DMERU_BUILD_EXAMPLES=OFF -DMERU_BUILD_BENCH=OFF
+  -DMERU_BUILD_TESTS=OFF -DMERU_BUILD_EXAMPLES=OFF
 run "$out/build.log" cmake --build build/demo
 meru=build/demo/tools/meru/meru
 echo "$meru"
