@@ -114,7 +114,7 @@ struct MovieInfo_ {
   unsigned char reserved3[3];  ///< not read
   int crf;                     ///< CBR only: 1..51 sets the encoder option "crf", other values are ignored
   int qp;                      ///< CQP only: 1..51 sets the encoder option "qp", other values are ignored
-  int timeout_sec;             ///< seconds for "rtmp://" and "rtsp://" I/O; 0 = no limit: a stalled server holds pushes back
+  int timeout_sec;             ///< seconds for each "rtmp://" and "rtsp://" I/O; 0: a stalled server holds pushes back
 
 #ifdef __cplusplus
   /// @return whether the main output or one of the further outputs (up to the first null) begins with "rtmp://".
