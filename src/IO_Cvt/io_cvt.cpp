@@ -18,7 +18,7 @@ extern "C" {
 namespace {
 
 constexpr AVRational kUsec{1, 1000000};
-constexpr int64_t kLongestSilenceUsec = 30 * 24 * 3600 * int64_t{1000000};
+constexpr int64_t kLongestSilenceUsec = int64_t{30} * 24 * 3600 * 1000000;
 constexpr int64_t kMaxPieceSamples = 768000;
 
 int sample_bytes(const MovieInfo& info) {
