@@ -13,7 +13,21 @@ constexpr int64_t kMostAhead = 1000000;
 
 void Pace::add(Track track, bool endless) { m_tracks[track] = {true, endless, false, 0}; }
 
-void Pace::begin() { m_begin = std::chrono::steady_clock::now(); }
+void Pace::begin() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_begin = std::chrono::steady_clock::now();
+}
+
+void Pace::forgive_lateness() {
+  const auto now = std::chrono::steady_clock::now();
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  auto begin = m_begin;
+  for (const State& state : m_tracks) {
+    if (state.present && !state.done) begin = std::max(begin, now - std::chrono::microseconds(state.time));
+  }
+  m_begin = begin;
+  m_changed.notify_all();
+}
 
 /// A source without an end ends with the other track.
 bool Pace::is_over(const State& mine, const State& other, int64_t stamp) const {
@@ -32,7 +46,8 @@ bool Pace::wait_turn(Track track, int64_t stamp) {
   const State& other = m_tracks[1 - track];
   std::unique_lock<std::mutex> lock(m_mutex);
   const auto over = [&] { return is_over(mine, other, stamp); };
-  if (m_realtime) m_changed.wait_until(lock, m_begin + std::chrono::microseconds(stamp), over);
+  const auto due = [&] { return m_begin + std::chrono::microseconds(stamp); };
+  while (m_realtime && !over() && std::chrono::steady_clock::now() < due()) m_changed.wait_until(lock, due());
   m_changed.wait(lock, [&] { return over() || may_push(mine, other, stamp); });
   return !over();
 }

@@ -28,6 +28,9 @@ class Pace {
   void finish(Track track);
 
   void hold(bool held);
+  /// Moves the time 0 of the live sources so far that they are not late any more. What is late would otherwise be made
+  /// up for in a pause, where pushing costs nothing, and be missing from the movie beyond the pause.
+  void forgive_lateness();
   void stop();
   bool stopped() const;
   /// Waits until every track has finished, `wake()` or a deadline. @return whether all have finished
@@ -49,7 +52,7 @@ class Pace {
   std::array<State, 2> m_tracks;                  // guarded by m_mutex
   bool m_held = false, m_stopped = false;         // guarded by m_mutex
   bool m_woken = false;                           // guarded by m_mutex
-  std::chrono::steady_clock::time_point m_begin;  // written before the threads run
+  std::chrono::steady_clock::time_point m_begin;  // guarded by m_mutex: time 0
 };
 
 }  // namespace meru_tool

@@ -103,7 +103,8 @@ Piece BufferedPieces::next() {
   m_lent = false;
   m_changed.notify_all();
   m_changed.wait(lock, [&] { return m_stopped || m_ended || m_filled > m_taken; });
-  if (m_stopped || m_filled == m_taken) return {};
+  m_over = m_ended && m_filled == m_taken;
+  if (m_stopped || m_over) return {};
   m_lent = true;
   const size_t i = m_taken % m_buffers.size();
   return {m_buffers[i].data(), m_sizes[i]};

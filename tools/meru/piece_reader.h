@@ -39,7 +39,7 @@ class PieceReader {
   /// Ends a wait, from any thread; no piece follows.
   virtual void stop() = 0;
   /// What was wrong with the source, once its end has been reached; empty when nothing was.
-  const std::string& trouble() const { return m_trouble; }
+  virtual std::string trouble() const { return m_trouble; }
   const std::string& name() const { return m_source->name(); }
 
  protected:
@@ -60,6 +60,8 @@ class BufferedPieces : public PieceReader {
   ~BufferedPieces() override;
   Piece next() override;
   void stop() override;
+  /// Only what concerns the pieces handed out: the thread may be further ahead.
+  std::string trouble() const override { return m_over ? m_trouble : std::string(); }
 
  private:
   void read_ahead();
@@ -72,6 +74,7 @@ class BufferedPieces : public PieceReader {
   size_t m_filled = 0;     // guarded by m_mutex: pieces read so far
   size_t m_taken = 0;      // guarded by m_mutex: pieces given back by the consumer
   bool m_lent = false;     // the consumer's: whether it holds a piece
+  bool m_over = false;     // the consumer's: whether it has been told that no piece is left
   bool m_ended = false;    // guarded by m_mutex: no further piece will be read
   bool m_stopped = false;  // guarded by m_mutex
   std::thread m_thread;    // last: it uses the others

@@ -138,8 +138,12 @@ void Recorder::wait_for_server() {
 
 void Recorder::fail_start() {
   std::string text = failure();
-  const bool begun = started();
-  const bool stopped = m_pace.stopped() && text.empty();
+  bool begun = false, stopped = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    begun = m_started;
+    stopped = m_stop_asked && text.empty();
+  }
   const std::string reason = m_diagnostics->last_failure();
   MERU_stop(&m_session);
   if (stopped) throw Failure("stopped before the recording had begun");
@@ -221,6 +225,7 @@ void Recorder::change_pause() {
   const bool pause = !m_paused;
   if (m_options.realtime) {
     const std::lock_guard<std::mutex> lock(m_push_mutex);
+    if (pause) m_pace.forgive_lateness();
     if (!(pause ? MERU_pause(m_session) : MERU_resume(m_session))) return;
   } else {
     m_pace.hold(pause);
