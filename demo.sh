@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds MeruLib and records two movies into ./demo-out: ten seconds of the library's test picture and tone, and a raw
-# stream that another program makes and pipes in. Shows what is in each, and leaves a contact sheet beside it.
+# Builds MeruLib and makes four movies in ./demo-out: ten seconds of the library's test picture and tone, a raw stream
+# that another program makes and pipes in, one that is repaired after its recorder was killed, and one of packets that are
+# encoded already. Shows what is in each, and leaves a contact sheet beside it.
 set -euo pipefail
 cd "$(dirname "$0")"
 out=demo-out
@@ -38,7 +39,9 @@ describe() {  # MOVIE INDEX
 }
 
 contact_sheet() {  # MOVIE PNG: 20 pictures, evenly from the whole movie
-  ffmpeg -nostdin -v error -y -i "$1" -vf "select='not(mod(n,$fps*$seconds/20))',scale=320:-1,tile=5x4" -frames:v 1 "$2"
+  local frames
+  frames=$(probe -select_streams v -count_packets -show_entries stream=nb_read_packets "$1")
+  ffmpeg -nostdin -v error -y -i "$1" -vf "select='not(mod(n,ceil($frames/20)))',scale=320:-1,tile=5x4" -frames:v 1 "$2"
   echo "contact sheet: $2"
 }
 
@@ -70,3 +73,42 @@ piped() {
 run "$out/piped.log" piped
 describe "$out/piped.mp4" "$out/piped.index"
 contact_sheet "$out/piped.mp4" "$out/piped.png"
+
+step "a recorder that is killed, and the repair"
+"$meru" record --test --size "$size" --fps "$fps" --realtime -o "$out/killed.mp4" --index "$out/killed.index" \
+  >"$out/killed.log" 2>&1 &
+recorder=$!
+trap 'kill -9 $recorder 2>/dev/null || true' EXIT
+# Until it says that five seconds are recorded.
+for ((i = 0; i < 300; i++)); do
+  if grep -q '^00:00:05' "$out/killed.log"; then break; fi
+  sleep 0.1
+done
+grep -q '^00:00:05' "$out/killed.log" || { cat "$out/killed.log" >&2; echo "the recording did not begin" >&2; exit 1; }
+kill -9 "$recorder"
+wait "$recorder" 2>/dev/null || true
+trap - EXIT
+echo "killed at: $(tail -1 "$out/killed.log")"
+if refusal=$(ffprobe -v error "$out/killed.mp4" 2>&1); then
+  echo "the killed movie plays: nothing to repair" >&2
+  exit 1
+fi
+echo "ffprobe says: ${refusal#*] }"
+"$meru" repair --force "$out/killed.mp4" "$out/killed.index" "$out/repaired.mp4"
+describe "$out/repaired.mp4" "$out/killed.index"
+contact_sheet "$out/repaired.mp4" "$out/repaired.png"
+
+step "packets that are encoded already"
+ff() { ffmpeg -nostdin -v error -y "$@"; }
+ff -f lavfi -i "testsrc2=size=$size:rate=$fps" -t "$seconds" -c:v libx264 -preset veryfast -bf 0 -f h264 "$out/packets.h264"
+ff -f lavfi -i "sine=frequency=440:beep_factor=4:sample_rate=$rate" -t "$seconds" -ac 2 -c:a aac "$out/packets.aac"
+"$meru" remux --video "$out/packets.h264" --fps "$fps" --audio "$out/packets.aac" \
+  -o "$out/remuxed.mp4" --index "$out/remuxed.index"
+describe "$out/remuxed.mp4" "$out/remuxed.index"
+pictures() { ffmpeg -nostdin -v error -i "$1" -map 0:v -f md5 -; }
+if [ "$(pictures "$out/packets.h264")" != "$(pictures "$out/remuxed.mp4")" ]; then
+  echo "the pictures are not those of the packets" >&2
+  exit 1
+fi
+echo "every picture decodes as before: $(pictures "$out/remuxed.mp4")"
+contact_sheet "$out/remuxed.mp4" "$out/remuxed.png"

@@ -58,4 +58,20 @@ MERU_PLAIN(long long, MERU_last_usec_pts, (void* session), (session))
 MERU_PLAIN(AVFrame*, MERU_generate_testing_vFrame, (void* session, const AVRational* tb), (session, or_usec(tb)))
 MERU_PLAIN(AVFrame*, MERU_generate_testing_aFrame, (void* session, const AVRational* tb), (session, or_usec(tb)))
 
+MERU_PLAIN(void*, MERU2_start, (const MovieInfo2* info, MovieStatusCallback cb, void* user), (*info, cb, user))
+MERU_PLAIN(bool, MERU2_write_video_packet, (void* session, void* data, int size, long long pts),
+           (session, data, size, pts))
+MERU_PLAIN(bool, MERU2_write_audio_packet, (void* session, void* data, int size, long long pts),
+           (session, data, size, pts))
+MERU_PLAIN(void, MERU2_stop, (void** session), (session))
+
+MERU_PLAIN(void*, MERU_StartRepair_Async,
+           (const char* broken, const char* moov, const char* output, MovieRepairCallback cb, void* user),
+           (broken, moov, output, cb, user))
+MERU_PLAIN(bool, MERU_StartRepair_sync,
+           (const char* broken, const char* moov, const char* output, MovieRepairCallback cb, void* user),
+           (broken, moov, output, cb, user))
+MERU_PLAIN(void, MERU_StopRepair, (void** handle), (handle))
+MERU_PLAIN(bool, MERU_Repair_IsRunning, (void* handle), (handle))
+
 }  // extern "C"

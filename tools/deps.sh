@@ -8,11 +8,11 @@ packages=(
   g++ cmake ninja-build ccache pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libavfilter-dev libavdevice-dev libpostproc-dev
-  libcli11-dev ffmpeg
+  libcli11-dev nlohmann-json3-dev ffmpeg
 )
 test_packages=(
-  libgtest-dev libgmock-dev nlohmann-json3-dev libbenchmark-dev
-  clang-format clang-tidy binutils time
+  libgtest-dev libgmock-dev libbenchmark-dev
+  clang-format clang-tidy clang libclang-rt-dev binutils time
 )
 
 case "${1:-}" in

@@ -6,6 +6,8 @@
 #include "meru/export.h"
 #include "meru/log.h"
 #include "meru/movie_info.h"
+#include "meru/raw_packets.h"
 #include "meru/recording.h"
+#include "meru/repair.h"
 
 #endif

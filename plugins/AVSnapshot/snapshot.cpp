@@ -15,7 +15,8 @@ extern "C" {
 namespace {
 
 constexpr size_t kLineLimit = 960;
-constexpr int64_t kFlushIntervalUsec = 500000;
+// Below half a second, since the packet that finds the flush due comes up to a packet's duration later.
+constexpr int64_t kFlushIntervalUsec = 400000;
 constexpr char kAddress[] = "merulib.invalid/index";
 
 int64_t steady_usec() {
@@ -77,6 +78,12 @@ int call_write_packet(AVFormatContext* oc, AVPacket* pkt) {
 /// A difference of time stamps that may be anything: wraps instead of overflowing.
 int64_t delta(int64_t now, int64_t before) {
   return static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(before));
+}
+
+/// When a packet is due in its movie; `otherwise` when it does not say.
+int64_t media_usec(const AVFormatContext* oc, const AVPacket* pkt, int64_t otherwise) {
+  if (pkt->dts == AV_NOPTS_VALUE) return otherwise;
+  return av_rescale_q(pkt->dts, oc->streams[pkt->stream_index]->time_base, {1, AV_TIME_BASE});
 }
 
 /// The live Snapshot of an output, or null.
@@ -206,7 +213,7 @@ int Snapshot::filter_packet(AVFormatContext* oc, AVPacket* pkt) {
   if (oc->pb != nullptr && fp != nullptr) {
     const int64_t pos = avio_tell(oc->pb);
     if (packet_count > 0) record_previous(oc, pkt, pos);
-    flush_if_due(oc);
+    if (fp != nullptr) flush_if_due(oc, pkt);
     remember(pkt, pos);
   }
   return call_write_packet(oc, pkt);
@@ -227,9 +234,9 @@ void Snapshot::record_previous(const AVFormatContext* oc, const AVPacket* pkt, i
   avio_flush(oc->pb);
   put_pending();
   fputc('\n', fp.get());
-  fflush(fp.get());
   cache.reset();
   cache_written = 0;
+  flush_file();
 }
 
 void Snapshot::remember(const AVPacket* pkt, int64_t pos) {
@@ -247,14 +254,27 @@ void Snapshot::remember(const AVPacket* pkt, int64_t pos) {
   dts = pkt->dts;
 }
 
-/// Half a second after the last time, brings the movie and the index to the operating system, so that a killed process
-/// costs no more than that. The movie comes first: an index must not name bytes that are not there. The line is not
-/// ended, so the finished file is the same as without.
-void Snapshot::flush_if_due(AVFormatContext* oc) {
+/// Brings the movie and the index to the operating system twice a second, by the clock and by the time stamps, so that
+/// a killed process costs no more than half a second of the recording, also when packets come in a burst behind a
+/// delay. The movie comes first: an index must not name bytes that are not there. The line is not ended, so the
+/// finished file is the same as without.
+void Snapshot::flush_if_due(AVFormatContext* oc, const AVPacket* pkt) {
   const int64_t now = steady_usec();
-  if (now - last_flush_usec < kFlushIntervalUsec) return;
+  const int64_t media = media_usec(oc, pkt, last_flush_media_usec);
+  const int64_t moved = delta(media, last_flush_media_usec);
+  const bool due =
+      now - last_flush_usec >= kFlushIntervalUsec || moved >= kFlushIntervalUsec || moved <= -kFlushIntervalUsec;
+  if (!due) return;
   last_flush_usec = now;
+  last_flush_media_usec = media;
   avio_flush(oc->pb);
   put_pending();
-  fflush(fp.get());
+  flush_file();
+}
+
+/// An index that has lost some of its records is worth nothing behind them, so it ends where the first was lost.
+void Snapshot::flush_file() {
+  if (fflush(fp.get()) == 0 && ferror(fp.get()) == 0) return;
+  MERU_LOG(2, "the side index cannot be written any more");
+  fp.reset();
 }

@@ -44,7 +44,8 @@ class Snapshot {
   void record_previous(const AVFormatContext* oc, const AVPacket* pkt, int64_t pos);
   void remember(const AVPacket* pkt, int64_t pos);
   void put_pending();
-  void flush_if_due(AVFormatContext* oc);
+  void flush_file();
+  void flush_if_due(AVFormatContext* oc, const AVPacket* pkt);
 
   FilePtr fp;
   LineCache cache;
@@ -64,6 +65,7 @@ class Snapshot {
   int audio_index = -1;
   size_t cache_written = 0;     // characters of the cache that are in the file already
   int64_t last_flush_usec = 0;  // steady clock
+  int64_t last_flush_media_usec = 0;
 };
 
 /// The Snapshots that exist: a hook may run for an output whose Snapshot is deleted.

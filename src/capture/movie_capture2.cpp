@@ -31,7 +31,7 @@ int MovieCapture2::start(MovieInfo info, MovieStatusCallback cb, void* user, boo
   info.snapshot_path[sizeof(info.snapshot_path) - 1] = '\0';
   info.metadata[sizeof(info.metadata) - 1] = '\0';
   m_start_ok = false;
-  m_relay = std::make_shared<StatusRelay>(this, cb, user);
+  m_relay = std::make_shared<StatusRelay>(cb, user, [this](int id, const char* text) { note_status(id, text); });
   m_last_audio_pts = 0;
   m_last_video_pts = 0;
   m_writer->m_status_cb = &writer_callback;
@@ -50,6 +50,12 @@ void MovieCapture2::writer_callback(int id, const char* text, void* ctx) {
 
 void MovieCapture2::statu_callback(int id, const char* text, void* ctx) {
   static_cast<StatusRelay*>(ctx)->report(id, text);
+}
+
+/// Notes the start before the host is told of it.
+void MovieCapture2::note_status(int id, const char* text) {
+  MERU_LOG(2, "### statu cb [id=%d]: %s", id, text);
+  if (id == MERU_STATUS_OK) m_start_ok = true;
 }
 
 bool MovieCapture2::pause() {

@@ -8,7 +8,7 @@
 #include "IO_Cvt/io_cvt.h"
 #include "base/movie_muxer.h"
 #include "capture/recording_clock.h"
-#include "capture/status_relay.h"
+#include "common/status_relay.h"
 
 /// The session behind a recording's handle: a muxer with a recording clock and the conversion of the host's buffers.
 ///
@@ -41,7 +41,6 @@ class MovieCapture2 : public MovieMuxer {
   bool video_disabled() const { return no_video(); }
   bool audio_disabled() const { return no_audio(); }
 
-  void note_started() { m_start_ok = true; }
   /// Null before start().
   std::shared_ptr<StatusRelay> relay() const { return m_relay; }
 
@@ -49,6 +48,7 @@ class MovieCapture2 : public MovieMuxer {
   static void writer_callback(int id, const char* text, void* ctx);
   static void statu_callback(int id, const char* text, void* ctx);
 
+  void note_status(int id, const char* text);
   bool accepts_frames() const;
   IOCvt* iocvt();
 

@@ -67,6 +67,7 @@ int channels_of(const AVFrame* frame) { return frame->ch_layout.nb_channels; }
 int channels_of(const AVCodecContext* ctx) { return ctx->ch_layout.nb_channels; }
 
 int channels_of(const AVCodecParameters* par) { return par->ch_layout.nb_channels; }
+void set_channels(AVCodecParameters* par, int channels) { av_channel_layout_default(&par->ch_layout, channels); }
 
 int set_resampler_layout(SwrContext* swr, char side, uint64_t layout) {
   const AVChannelLayout value = from_mask(layout);
@@ -109,6 +110,10 @@ int channels_of(const AVFrame* frame) {
 int channels_of(const AVCodecContext* ctx) { return ctx->channels; }
 
 int channels_of(const AVCodecParameters* par) { return par->channels; }
+void set_channels(AVCodecParameters* par, int channels) {
+  par->channels = channels;
+  par->channel_layout = default_layout(channels);
+}
 
 int set_resampler_layout(SwrContext* swr, char side, uint64_t layout) {
   return av_opt_set_int(swr, side == 'i' ? "icl" : "ocl", static_cast<int64_t>(layout), 0);

@@ -32,6 +32,8 @@ uint64_t layout_of(const AVCodecContext* ctx);
 int channels_of(const AVFrame* frame);
 int channels_of(const AVCodecContext* ctx);
 int channels_of(const AVCodecParameters* par);
+/// Sets the number of channels and their usual layout.
+void set_channels(AVCodecParameters* par, int channels);
 /// Sets the resampler's input ("i") or output ("o") layout. @return 0 or a negative error
 int set_resampler_layout(SwrContext* swr, char side, uint64_t layout);
 

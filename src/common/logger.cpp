@@ -90,8 +90,7 @@ const char* Logger::now(const char* fmt) {
 }  // namespace nuv
 
 void MERU_Log_On(const char* path) {
-  constexpr char kTrimmed[] = "\"\b\t\n\r ";
-  FILE* fp = path != nullptr ? fopen(nuv::str::trim2(path, kTrimmed).c_str(), "a+") : nullptr;
+  FILE* fp = path != nullptr ? fopen(nuv::str::trim_path(path).c_str(), "a+") : nullptr;
   nuv::Logger::instance()->redirect(fp);
 }
 

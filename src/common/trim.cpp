@@ -15,4 +15,6 @@ std::string trim2(const char* s, const char* chars) {
   return std::string(s + begin, end - begin);
 }
 
+std::string trim_path(const char* path) { return trim2(path, "\"\b\t\n\r "); }
+
 }  // namespace nuv::str

@@ -1,5 +1,6 @@
-/* A host in plain C: loads the library at run time, records a short movie, unloads the library, and does it all again.
- * Usage: c_host LIBRARY MOVIE MOVIE. Exit status 0 when everything went as the headers say. */
+/* A host in plain C: loads the library at run time, records a short movie, has a session of packets refused, unloads
+ * the library, and does it all again. Usage: c_host LIBRARY MOVIE MOVIE. Exit status 0 when everything went as the
+ * headers say. */
 #include <dlfcn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -24,6 +25,10 @@ static struct {
   __typeof__(&MERU_current_sys_usec) now;
   __typeof__(&MERU_write_video_bgra) write_video;
   __typeof__(&MERU_write_audio_pcm) write_audio;
+  __typeof__(&MERU2_start) start_packets;
+  __typeof__(&MERU2_write_video_packet) write_video_packet;
+  __typeof__(&MERU2_write_audio_packet) write_audio_packet;
+  __typeof__(&MERU2_stop) stop_packets;
 } meru;
 
 static int load_function(void* library, const char* name, void* target, size_t size) {
@@ -42,7 +47,9 @@ static int load_functions(void* library) {
   return LOAD(log_level, MERU_Log_Level) && LOAD(start, MERU_start) && LOAD(stop, MERU_stop) &&
          LOAD(pause, MERU_pause) && LOAD(resume, MERU_resume) && LOAD(is_paused, MERU_is_paused) &&
          LOAD(movie_time, MERU_movie_time) && LOAD(get_info, MERU_get_mInfo) && LOAD(now, MERU_current_sys_usec) &&
-         LOAD(write_video, MERU_write_video_bgra) && LOAD(write_audio, MERU_write_audio_pcm);
+         LOAD(write_video, MERU_write_video_bgra) && LOAD(write_audio, MERU_write_audio_pcm) &&
+         LOAD(start_packets, MERU2_start) && LOAD(write_video_packet, MERU2_write_video_packet) &&
+         LOAD(write_audio_packet, MERU2_write_audio_packet) && LOAD(stop_packets, MERU2_stop);
 }
 
 static void on_status(int code, const char* msg, void* user) {
@@ -96,13 +103,30 @@ static int record(const char* path) {
   return fine && session == NULL;
 }
 
+/* A session of packets, which is told that no container is known for its output. */
+static int refuse_packets(void) {
+  char data[] = "data";
+  MovieInfo2 info;
+  int status = 0;
+  memset(&info, 0, sizeof(info));
+  strncpy(info.url, "movie.nothing", sizeof(info.url) - 1);
+  info.video_format = "h264";
+  info.audio_format = "aac";
+  void* session = meru.start_packets(&info, &on_status, &status);
+  const int fine = session != NULL && meru.write_video_packet(session, data, sizeof(data), 0) &&
+                   meru.write_audio_packet(session, data, sizeof(data), 0) &&
+                   !meru.write_video_packet(NULL, data, sizeof(data), 0);
+  meru.stop_packets(&session);
+  return fine && session == NULL && status < 0;
+}
+
 static int load_record_unload(const char* library_path, const char* movie) {
   void* const library = dlopen(library_path, RTLD_NOW | RTLD_LOCAL);
   if (library == NULL) {
     fprintf(stderr, "%s\n", dlerror());
     return 0;
   }
-  const int fine = load_functions(library) && record(movie);
+  const int fine = load_functions(library) && record(movie) && refuse_packets();
   return dlclose(library) == 0 && fine;
 }
 

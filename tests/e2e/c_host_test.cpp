@@ -20,6 +20,8 @@ TEST(CHost, LoadsRecordsAndUnloadsTwice) {
   const size_t first = result.output.find(once);
   ASSERT_NE(first, std::string::npos) << result.output;
   EXPECT_NE(result.output.find(once, first + 1), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("could not find suitable output format: movie.nothing"), std::string::npos)
+      << result.output;
 
   for (const std::string& movie : movies) {
     EXPECT_EQ(meru_test::count_frames(movie), 25) << movie;

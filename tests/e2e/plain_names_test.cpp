@@ -25,6 +25,8 @@ long long MERU_current_sys_usec();
 long long MERU_last_usec_pts(void* session);
 AVFrame* MERU_generate_testing_vFrame(void* session, const AVRational* tb);
 AVFrame* MERU_generate_testing_aFrame(void* session, const AVRational* tb);
+void MERU_StopRepair(void** handle);
+bool MERU_Repair_IsRunning(void* handle);
 }
 
 namespace {
@@ -49,6 +51,9 @@ TEST(PlainNamesTest, NullSessionsAndTimeBasesAreHarmless) {
   EXPECT_EQ(MERU_last_usec_pts(nullptr), 0);
   EXPECT_EQ(MERU_generate_testing_vFrame(nullptr, nullptr), nullptr);
   EXPECT_EQ(MERU_generate_testing_aFrame(nullptr, nullptr), nullptr);
+  MERU_StopRepair(nullptr);
+  MERU_StopRepair(&none);
+  EXPECT_FALSE(MERU_Repair_IsRunning(nullptr));
 }
 
 TEST(PlainNamesTest, ClockRunsOn) {

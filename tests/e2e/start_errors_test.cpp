@@ -1,14 +1,13 @@
 // What a failed start, and a failed output, tell the host.
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <ostream>
 
 #include "support/eventually.h"
+#include "support/file_size_limit.h"
 #include "support/host.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
@@ -104,27 +103,6 @@ TEST_P(SilentFailureTest, EncoderThatRefusesReportsNothing) {
   EXPECT_TRUE(host.status().entries().empty());
 }
 INSTANTIATE_TEST_SUITE_P(AsyncOrNot, SilentFailureTest, testing::Bool());
-
-/// Limits the size of every file that this process writes; a write beyond it fails like one on a full disk.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    m_handler = signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &m_before);
-    const rlimit limited{bytes, m_before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limited);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &m_before);
-    signal(SIGXFSZ, m_handler);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit m_before{};
-  sighandler_t m_handler;
-};
 
 TEST(FullDiskTest, OutputThatFailsIsReportedOnce) {
   const TempDir dir;

@@ -61,18 +61,22 @@ class ToolFolder {
   TempDir m_dir;
 };
 
-/// `meru record ...` in the background, in a folder, without a shell in between that would take its signals.
+/// `meru record ...`, or another subcommand, in the background, in a folder, without a shell in between that would take
+/// its signals.
 class ToolProcess {
  public:
   /// @param terminal  a terminal for standard input and output; -1: none, and the outputs go to out.txt and err.txt
-  ToolProcess(const ToolFolder& folder, const std::string& arguments, int terminal = -1) : m_folder(folder) {
-    const std::string command = "cd " + quoted(folder.path()) + " && exec " MERU_TOOL " record " + arguments;
+  ToolProcess(const ToolFolder& folder, const std::string& arguments, int terminal = -1,
+              const std::string& subcommand = "record")
+      : m_folder(folder) {
+    const std::string command =
+        "cd " + quoted(folder.path()) + " && exec " MERU_TOOL " " + subcommand + " " + arguments;
     m_pid = fork();
     if (m_pid < 0) throw std::runtime_error("fork failed");
     if (m_pid > 0) return;
     const int in = terminal >= 0 ? terminal : open("/dev/null", O_RDONLY);
-    const int out = terminal >= 0 ? terminal : open(folder.file("out.txt").c_str(), O_WRONLY | O_CREAT, 0666);
-    const int err = open(folder.file("err.txt").c_str(), O_WRONLY | O_CREAT, 0666);
+    const int out = terminal >= 0 ? terminal : open(folder.file("out.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    const int err = open(folder.file("err.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
     dup2(in, STDIN_FILENO);
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
@@ -96,9 +100,10 @@ class ToolProcess {
   bool says(const std::string& text) const {
     return eventually([&] { return out().find(text) != std::string::npos; });
   }
-  /// Waits until the command has its own handler for a signal.
+  /// Waits until the command has its own handler for a signal. The shell that starts it may have one, too.
   bool catches(int signal_number) const {
     return eventually([&] {
+      if (file_text("/proc/" + std::to_string(m_pid) + "/comm") != "meru\n") return false;
       const std::string status = file_text("/proc/" + std::to_string(m_pid) + "/status");
       const size_t at = status.find("SigCgt:\t");
       if (at == std::string::npos) return false;

@@ -34,7 +34,11 @@ class MovieCapture2Test : public testing::Test {
     m_session->mInfo(&value);
     return value;
   }
-  static void told(int id, const char* /*text*/, void* user) { static_cast<MovieCapture2Test*>(user)->m_told = id; }
+  static void told(int id, const char* /*text*/, void* user) {
+    auto* self = static_cast<MovieCapture2Test*>(user);
+    self->m_told = id;
+    self->m_started_when_told = self->started();
+  }
 
   meru_test::TempDir m_dir;
   FakeWriter* m_writer = new FakeWriter;  // the session's
@@ -42,6 +46,7 @@ class MovieCapture2Test : public testing::Test {
   std::vector<uint8_t> m_image = std::vector<uint8_t>(kLine * 48, 100);
   std::vector<uint8_t> m_pcm = std::vector<uint8_t>(400000, 1);
   int m_told = 99;
+  bool m_started_when_told = false;
 };
 
 TEST_F(MovieCapture2Test, StartLogsTheClockAndIsConfirmed) {
@@ -51,6 +56,7 @@ TEST_F(MovieCapture2Test, StartLogsTheClockAndIsConfirmed) {
   EXPECT_EQ(log.count(5, "m_start_pts=5000000"), 1);
   EXPECT_EQ(log.count(2, "### statu cb [id=0]: start OK"), 1);
   EXPECT_EQ(m_told, 0);
+  EXPECT_TRUE(m_started_when_told);
   EXPECT_TRUE(started());
 }
 

@@ -1,11 +1,13 @@
 // What the side index says of the packets, text by text.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "support/eventually.h"
 #include "support/index_reader.h"
 #include "support/indexed_output.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -224,6 +226,19 @@ TEST_F(SnapshotRecords, TwoOutputsOfOneContainerKeepTheirOwnIndexes) {
   for (const auto& record : IndexReader::of_file(m_dir.file("b.idx")).records) EXPECT_EQ(record.size, 200);
 }
 
+TEST_F(SnapshotRecords, IndexThatCannotBeWrittenEndsThereAndTheMovieGoesOn) {
+  IndexedOutput output("mp4", m_dir.file("movie"));
+  output.add_video(AV_CODEC_ID_MPEG4);
+  std::filesystem::create_symlink("/dev/full", m_dir.file("index"));
+  ASSERT_TRUE(output.index_to(m_dir.file("index")));
+  ASSERT_GE(output.write_header(), 0);
+  meru_test::LogCapture log;
+  for (int i = 0; i < 200; ++i) ASSERT_GE(output.write(0, i * 512, i * 512, 512, true, 100), 0);
+  EXPECT_GE(output.write_trailer(), 0);
+  EXPECT_EQ(log.count(2, "the side index cannot be written any more"), 1);
+  EXPECT_GT(read_file(m_dir.file("movie")).size(), 200U * 100U);
+}
+
 TEST_F(SnapshotRecords, FlushByTheClockLeavesTheFinishedFileAsItWouldBe) {
   const auto output = open("mp4", true, false);
   const std::string header = read_file(m_dir.file("index"));
@@ -231,7 +246,7 @@ TEST_F(SnapshotRecords, FlushByTheClockLeavesTheFinishedFileAsItWouldBe) {
   int count = 0;
   const auto push = [&count](IndexedOutput* to) {
     const int i = count++;
-    return to->write(0, i * 512, i * 512, 512, i % 7 == 0, 60 + i % 9);
+    return to->write(0, i, i, 1, i % 7 == 0, 60 + i % 9);  // by the time stamps nothing is due
   };
   // A packet every millisecond or so, until the index has reached the disk in the middle of a line.
   ASSERT_TRUE(meru_test::eventually([&] {
@@ -255,6 +270,17 @@ TEST_F(SnapshotRecords, FlushByTheClockLeavesTheFinishedFileAsItWouldBe) {
   while (count < total) ASSERT_GE(push(quick.get()), 0);
   close(quick.get());
   EXPECT_EQ(read_file(m_dir.file("index")), finished);
+}
+
+TEST_F(SnapshotRecords, FlushByTheTimeStampsDoesNotWaitForTheClock) {
+  const auto output = open("mp4", true, false);
+  const int half = output->context()->streams[0]->time_base.den / 2;
+  for (int i = 0; i < 3; ++i) ASSERT_GE(output->write(0, i * half, i * half, half, true, 1000), 0);
+  const IndexReader reader = IndexReader::of_file(m_dir.file("index"));
+  EXPECT_EQ(reader.records.size(), 2U);
+  EXPECT_FALSE(reader.ends_with_line_feed);
+  EXPECT_GE(read_file(m_dir.file("movie")).size(), 2000U);
+  close(output.get());
 }
 
 }  // namespace

@@ -11,9 +11,12 @@
 #include "control.h"
 #include "diagnostics.h"
 #include "failure.h"
+#include "index_command.h"
 #include "meru/export.h"
 #include "record_options.h"
 #include "recorder.h"
+#include "remux_command.h"
+#include "repair_command.h"
 
 namespace {
 
@@ -52,7 +55,7 @@ void on_cut_source(int) {
 
 int record(const CLI::App& cmd, const RecordOptions& options) {
   check_options(cmd, options);
-  auto* diagnostics = new Diagnostics(options.log, options.verbose);  // at_exit() may still need it
+  static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // at_exit() may still need it
   std::vector<std::string> shortcomings;
   {
     Recorder recorder(options, diagnostics);
@@ -75,11 +78,17 @@ int record(const CLI::App& cmd, const RecordOptions& options) {
 }
 
 int run(int argc, char** argv) {
-  CLI::App app("Records movies and live streams with MeruLib.", "meru");
+  CLI::App app("Records movies and live streams with MeruLib, and repairs movies that were cut short.", "meru");
   app.set_version_flag("--version", "meru " MERU_VERSION_STRING);
   app.require_subcommand(1);
   RecordOptions options;
+  RemuxOptions remux_options;
+  RepairOptions repair_options;
+  IndexOptions index_options;
   const CLI::App* record_command = add_record_command(&app, &options);
+  const CLI::App* remux_command = add_remux_command(&app, &remux_options);
+  const CLI::App* repair_command = add_repair_command(&app, &repair_options);
+  const CLI::App* index_command = add_index_command(&app, &index_options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
@@ -87,6 +96,9 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     throw UsageError(std::string(e.what()) + " (see --help)");
   }
+  if (remux_command->parsed()) return remux(remux_options);
+  if (repair_command->parsed()) return repair(repair_options);
+  if (index_command->parsed()) return show_index(index_options);
   return record(*record_command, options);
 }
 

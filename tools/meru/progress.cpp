@@ -2,10 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
 #include "console.h"
+#include "output_paths.h"
 
 namespace meru_tool {
 
@@ -25,10 +27,16 @@ std::string time_text(double recorded) {
 
 }  // namespace
 
-Progress::Progress(std::string output, std::string shown)
-    : m_output(std::move(output)), m_shown_name(std::move(shown)) {}
+std::string shown(const std::string& output) {
+  const size_t slash = output.rfind('/');
+  return output.rfind("rtmp://", 0) == 0 && slash > 6 ? output.substr(0, slash + 1) + "***" : output;
+}
+
+Progress::Progress(std::string output, std::string shown, std::chrono::milliseconds interval)
+    : m_output(std::move(output)), m_shown_name(std::move(shown)), m_interval(interval) {}
 
 std::chrono::milliseconds Progress::interval() const {
+  if (m_interval.count() > 0) return m_interval;
   return std::chrono::milliseconds(Console::instance().is_terminal() ? 250 : 1000);
 }
 
@@ -41,7 +49,7 @@ std::string Progress::size_text() const {
   return text;
 }
 
-std::string Progress::text(const Recorder::Figures& figures, bool has_video, double images_per_second) const {
+std::string Progress::text(const Figures& figures, bool has_video, double images_per_second) const {
   std::string line = time_text(figures.seconds);
   if (has_video) {
     char text[80];
@@ -52,15 +60,14 @@ std::string Progress::text(const Recorder::Figures& figures, bool has_video, dou
   return line + size_text();
 }
 
-void Progress::show(const Recorder& recorder) {
-  const Recorder::Figures figures = recorder.figures();
+void Progress::show(const Figures& figures, bool has_video) {
   const auto now = Clock::now();
   const double elapsed = seconds(now - m_shown);
-  if (elapsed < 0.1) return;
+  if (elapsed < std::min(0.1, seconds(interval()) / 2)) return;
   const double rate = static_cast<double>(figures.images - m_shown_images) / elapsed;
   m_shown = now;
   m_shown_images = figures.images;
-  const std::string line = text(figures, recorder.has_video(), rate);
+  const std::string line = text(figures, has_video, rate);
   if (Console::instance().is_terminal()) {
     Console::instance().status(line + (figures.paused ? "  paused" : ""));
   } else if (!figures.paused) {
@@ -68,12 +75,11 @@ void Progress::show(const Recorder& recorder) {
   }
 }
 
-void Progress::finish(const Recorder& recorder) {
-  Recorder::Figures figures = recorder.figures();
+void Progress::finish(const char* done, Figures figures, bool has_video) {
   figures.seconds = figures.longest;
   const double elapsed = seconds(Clock::now() - m_begin);
   const double rate = elapsed > 0 ? static_cast<double>(figures.images) / elapsed : 0;
-  Console::instance().line("recorded " + text(figures, recorder.has_video(), rate) + "  " + m_shown_name);
+  Console::instance().line(done + (" " + text(figures, has_video, rate)) + "  " + m_shown_name);
 }
 
 }  // namespace meru_tool

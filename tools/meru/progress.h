@@ -1,30 +1,42 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
-#include "recorder.h"
-
 namespace meru_tool {
+
+/// How far the work is.
+struct Figures {
+  double seconds = 0;  ///< how far every track has got
+  double longest = 0;  ///< how far one of them has got
+  int64_t images = 0;
+  bool paused = false;
+};
+
+/// An address as messages show it: the last part of an RTMP address is a secret key.
+std::string shown(const std::string& output);
 
 /// Tells how far the recording is: a line that is written over on a terminal, else a plain line every second.
 class Progress {
  public:
-  /// @param shown  the output as it is told to the user
-  Progress(std::string output, std::string shown);
+  /// @param shown     the output as it is told to the user
+  /// @param interval  from one line to the next; 0 for the usual, a second, or less on a terminal
+  Progress(std::string output, std::string shown, std::chrono::milliseconds interval);
 
   /// How long to wait from one look to the next.
   std::chrono::milliseconds interval() const;
-  void show(const Recorder& recorder);
-  /// The last line, when the movie is complete.
-  void finish(const Recorder& recorder);
+  void show(const Figures& figures, bool has_video);
+  /// The last line, when the movie is complete. @param done  what was done: "recorded"
+  void finish(const char* done, Figures figures, bool has_video);
 
  private:
-  std::string text(const Recorder::Figures& figures, bool has_video, double images_per_second) const;
+  std::string text(const Figures& figures, bool has_video, double images_per_second) const;
   std::string size_text() const;
 
   using Clock = std::chrono::steady_clock;
   std::string m_output, m_shown_name;
+  std::chrono::milliseconds m_interval;
   Clock::time_point m_begin = Clock::now();
   Clock::time_point m_shown = m_begin;
   int64_t m_shown_images = 0;

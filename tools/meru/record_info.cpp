@@ -10,6 +10,7 @@
 
 #include "failure.h"
 #include "formats.h"
+#include "output_paths.h"
 #include "record_options.h"
 
 namespace meru_tool {
@@ -31,20 +32,6 @@ void check_limit(const Limit& limit) {
   std::snprintf(text, sizeof(text), "%s: %g is not between %g and %g", limit.option, limit.value, limit.low,
                 limit.high);
   throw UsageError(text);
-}
-
-/// Copies a text into a field of the record, which must hold its end as well.
-template <size_t N>
-void put(char (&field)[N], const std::string& option, const std::string& text) {
-  if (text.size() >= N) throw UsageError(option + ": longer than " + std::to_string(N - 1) + " bytes");
-  std::memcpy(field, text.c_str(), text.size() + 1);
-}
-
-bool is_file(const std::string& url) { return url.find("://") == std::string::npos; }
-
-bool same_file(const std::string& a, const std::string& b) {
-  std::error_code error;
-  return std::filesystem::equivalent(a, b, error) && !error;
 }
 
 void check_sources(const RecordOptions& o) {
@@ -128,20 +115,7 @@ void check_outputs(const RecordOptions& o) {
   put(fits.snapshot_path, "--index", o.index);
   put(fits.metadata, "--metadata", o.metadata);
   if (o.output.empty()) throw UsageError("-o: the name is empty");
-  std::vector<std::pair<const char*, std::string>> written = {{"the movie", o.output}, {"the index", o.index}};
-  for (const std::string& url : o.also) written.emplace_back("the further output", url);
-  for (size_t i = 0; i < written.size(); ++i) {
-    const auto& [what, path] = written[i];
-    if (path.empty() || !is_file(path)) continue;
-    check_writable(what, path);
-    for (const std::string& source : {o.video_raw, o.y4m, o.audio_raw}) {
-      if (same_file(path, source)) throw UsageError(std::string(what) + " " + path + " is a source itself");
-    }
-    for (size_t k = 0; k < i; ++k) {
-      const bool same = path == written[k].second || same_file(path, written[k].second);
-      if (same && path.rfind("/dev/", 0) != 0) throw UsageError(std::string(what) + " " + path + " is given twice");
-    }
-  }
+  check_output_files(o.output, o.index, o.also, {o.video_raw, o.y4m, o.audio_raw});
 }
 
 }  // namespace
@@ -164,23 +138,6 @@ void check_options(const CLI::App& cmd, const RecordOptions& options) {
   check_given(cmd, options);
   check_encoders(options);
   check_outputs(options);
-}
-
-bool is_network(const std::string& url) { return url.rfind("rtmp://", 0) == 0 || url.rfind("rtsp://", 0) == 0; }
-
-void check_writable(const std::string& what, const std::string& path) {
-  const std::string failed = "cannot write " + what + " " + path + ": ";
-  struct stat st {};
-  if (stat(path.c_str(), &st) == 0) {
-    if (S_ISDIR(st.st_mode)) throw Failure(failed + "it is a folder");
-    if (access(path.c_str(), W_OK) != 0) throw Failure(failed + error_text(errno));
-    return;
-  }
-  const std::string parent = std::filesystem::path(path).parent_path().string();
-  const std::string folder = parent.empty() ? "." : parent;
-  if (stat(folder.c_str(), &st) != 0) throw Failure(failed + "the folder " + folder + ": " + error_text(errno));
-  if (!S_ISDIR(st.st_mode)) throw Failure(failed + folder + " is not a folder");
-  if (access(folder.c_str(), W_OK | X_OK) != 0) throw Failure(failed + error_text(errno));
 }
 
 int VideoShape::whole_fps() const {

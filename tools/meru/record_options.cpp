@@ -126,6 +126,10 @@ void add_running(CLI::App* cmd, RecordOptions* o) {
   cmd->add_flag("--realtime", o->realtime,
                 "Take the sources as live, at the pace of the clock; what they give during a pause is left out")
       ->group(group);
+  cmd->add_option("--progress", o->progress_ms, "Milliseconds from one line of progress to the next (1000)")
+      ->type_name("MS")
+      ->check(CLI::Range(1, 3600000))
+      ->group(group);
   cmd->add_option("--log", o->log, "Append the diagnostics of the library and of the encoders to this file")
       ->type_name("FILE")
       ->group(group);

@@ -35,6 +35,7 @@ struct RecordOptions {
 
   double seconds = 0;  // 0: to the end of the sources
   bool realtime = false;
+  int progress_ms = 0;  // 0: the usual
   std::string log;
   bool verbose = false;
 
@@ -49,10 +50,6 @@ CLI::App* add_record_command(CLI::App* app, RecordOptions* options);
 
 /// Refuses what cannot work together, before anything is opened. Throws a UsageError.
 void check_options(const CLI::App& cmd, const RecordOptions& options);
-
-bool is_network(const std::string& url);
-/// Refuses a path that cannot be written: a missing folder, a folder itself, no permission.
-void check_writable(const std::string& what, const std::string& path);
 
 /// What the video source says of its images.
 struct VideoShape {

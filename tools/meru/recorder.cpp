@@ -8,7 +8,7 @@
 #include "console.h"
 #include "failure.h"
 #include "meru/recording.h"
-#include "progress.h"
+#include "output_paths.h"
 
 namespace meru_tool {
 
@@ -17,12 +17,6 @@ namespace {
 constexpr long long kUsecPerSec = 1000000;
 constexpr std::chrono::milliseconds kLookInterval{100};
 constexpr std::chrono::seconds kAnswerGrace{1};
-
-/// The output as messages show it: the last part of an RTMP address is a secret key.
-std::string shown(const std::string& output) {
-  const size_t slash = output.rfind('/');
-  return output.rfind("rtmp://", 0) == 0 && slash > 6 ? output.substr(0, slash + 1) + "***" : output;
-}
 
 }  // namespace
 
@@ -47,7 +41,7 @@ void Recorder::run() {
   wait_for_first_pieces();
   start_session();
   {
-    Progress progress(m_options.output, shown(m_options.output));
+    Progress progress(m_options.output, shown(m_options.output), std::chrono::milliseconds(m_options.progress_ms));
     for (TrackState* state : {&m_video, &m_audio}) begin(state);
     m_pace.begin();
     std::thread video(&Recorder::push_all, this, &m_video);
@@ -58,7 +52,7 @@ void Recorder::run() {
     MERU_stop(&m_session);
     if (!failure().empty()) throw Failure("the recording of " + shown(m_options.output) + " failed: " + failure());
     if (m_video.recorded == 0 && m_audio.recorded == 0) throw Failure("nothing was recorded");
-    progress.finish(*this);
+    progress.finish("recorded", figures(), has_video());
   }
 }
 
@@ -237,11 +231,11 @@ void Recorder::change_pause() {
 void Recorder::watch(Progress* progress) {
   while (!m_pace.wait_all(progress->interval())) {
     for (; m_pauses_asked > 0; --m_pauses_asked) change_pause();
-    progress->show(*this);
+    progress->show(figures(), has_video());
   }
 }
 
-Recorder::Figures Recorder::figures() const {
+Figures Recorder::figures() const {
   Figures figures;
   figures.seconds = has_video() ? std::numeric_limits<double>::max() : 0;
   for (const TrackState* state : {&m_video, &m_audio}) {

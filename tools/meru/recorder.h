@@ -11,6 +11,7 @@
 #include "diagnostics.h"
 #include "media_source.h"
 #include "pace.h"
+#include "progress.h"
 
 namespace meru_tool {
 
@@ -31,12 +32,6 @@ class Recorder {
   void toggle_pause();
 
   /// What has gone into the movie so far.
-  struct Figures {
-    double seconds = 0;  ///< how far every track has got
-    double longest = 0;  ///< how far one of them has got
-    int64_t images = 0;
-    bool paused = false;
-  };
   Figures figures() const;
   bool has_video() const { return m_video.source != nullptr; }
 
@@ -67,7 +62,7 @@ class Recorder {
   void change_pause();
   void note_failure(const std::string& text);
   std::string failure() const;
-  void watch(class Progress* progress);
+  void watch(Progress* progress);
 
   const RecordOptions& m_options;
   Diagnostics* m_diagnostics;

@@ -1,9 +1,6 @@
-#include "capture/status_relay.h"
+#include "common/status_relay.h"
 
 #include <algorithm>
-
-#include "capture/movie_capture2.h"
-#include "common/log_site.h"
 
 bool StatusRelay::enter() {
   const std::lock_guard<std::mutex> lock(m_mutex);
@@ -20,8 +17,7 @@ void StatusRelay::leave() {
 
 void StatusRelay::report(int id, const char* text) {
   if (!enter()) return;
-  MERU_LOG(2, "### statu cb [id=%d]: %s", id, text);
-  if (id == MERU_STATUS_OK) m_session->note_started();
+  if (m_note) m_note(id, text);
   if (m_cb != nullptr) m_cb(id, text, m_user);
   leave();
 }

@@ -1,23 +1,26 @@
 #pragma once
 
 #include <condition_variable>
-#include <memory>
+#include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "meru/movie_info.h"
-
-class MovieCapture2;
 
 /// Carries status messages of a session to the host, from whatever thread they come, and makes sure that none arrives
 /// once the session has been stopped.
 class StatusRelay {
  public:
-  StatusRelay(MovieCapture2* session, MovieStatusCallback cb, void* user)
-      : m_session(session), m_cb(cb), m_user(user) {}
+  using Note = std::function<void(int id, const char* text)>;
 
-  /// Notes a start (id 0) in the session and calls the host. Does nothing once muted.
+  /// @param cb    the host's, may be null
+  /// @param note  what the session does with a message just before the host is called; may be empty
+  StatusRelay(MovieStatusCallback cb, void* user, Note note = nullptr)
+      : m_cb(cb), m_user(user), m_note(std::move(note)) {}
+
+  /// Tells the session, then the host. Does nothing once muted.
   void report(int id, const char* text);
 
   /// No call begins from now on.
@@ -31,9 +34,9 @@ class StatusRelay {
   bool enter();
   void leave();
 
-  MovieCapture2* m_session;
   MovieStatusCallback m_cb;
   void* m_user;
+  Note m_note;
   std::mutex m_mutex;
   std::condition_variable m_left;
   bool m_muted = false;                   // guarded by m_mutex

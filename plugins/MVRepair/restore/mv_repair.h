@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "MVRepair/restore/moov_parser.h"
+#include "MVRepair/restore/packet_record.h"
+#include "common/ffmpeg_handles.h"
+
+/// Rebuilds a movie that was cut short from the packets in it and its side index.
+///
+/// One repair at a time and object. stop() and is_running() may be called from any thread. An object that a shared_ptr
+/// holds lives at least as long as its repair's thread.
+class MVRepair : public std::enable_shared_from_this<MVRepair> {
+ public:
+  /// Progress from 0.0 to 1.0, a code, and a text that is valid during the call.
+  using Callback = std::function<void(double, int, const char*)>;
+
+  MVRepair();
+  /// Stops what still runs.
+  ~MVRepair();
+  MVRepair(const MVRepair&) = delete;
+  MVRepair& operator=(const MVRepair&) = delete;
+
+  /// Repairs on a thread of its own; a stopped object reports -5 instead. The paths are copied.
+  /// @throws std::system_error "thread constructor failed"
+  void start_async(const char* broken, const char* moov, const char* output, Callback on_report);
+  /// Repairs on the calling thread. @return whether the new movie was completed
+  bool start_sync(const char* broken, const char* moov, const char* output, Callback on_report);
+  /// Ends the repair after the current line of the index and waits for its thread. Called by that thread itself, from
+  /// inside the callback, it does not wait, and no further callback comes. Works once.
+  void stop();
+  bool is_running() const { return running; }
+
+  /// The whole repair; a null path is one that cannot be used. @return true also when FFmpeg ended with end of file
+  bool work_running(const char* broken, const char* moov, const char* output);
+
+ private:
+  /// What came into the new movie.
+  struct Totals {
+    int64_t packets = 0;
+    int64_t bytes = 0;
+    double duration_sec = 0;
+  };
+
+  bool repair(const char* broken, const char* moov, const char* output);
+  static void print_progress(double progress);
+  std::thread take_thread();
+  bool is_own_thread();
+  void on_progress(double progress, int code, const char* msg);
+  int rebuild(const char* output, const std::string& broken_path, const std::string& moov, FILE* broken,
+              MoovParser& parser);
+  bool restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser);
+  void remux_packets(const char* line, FILE* broken, AVFormatContext* out, const MoovParser& parser);
+  bool restore_packet(const PacketRecord& record, FILE* broken, AVFormatContext* out, const MVHeader& header);
+  bool write(const PacketRecord& record, AVFormatContext* out, const MoovParser& parser, const char* rest);
+  void follow(const PacketRecord& record, const MVHeader& header);
+  void pass_over(const PacketRecord& record, FILE* broken, const MVHeader& header);
+  static bool seek_to(const PacketRecord& record, FILE* broken);
+  bool read_bytes(const PacketRecord& record, FILE* broken);
+  bool grow_buffer(int size);
+
+  int64_t audio_pts = 0;
+  int64_t audio_dts = 0;
+  int64_t video_pts = 0;
+  int64_t video_dts = 0;
+  std::unique_ptr<uint8_t, FreeWith<av_free>> buffer;
+  int buffer_size = 0;
+  Callback callback;
+  std::mutex thread_mutex;
+  std::thread thread;  // guarded by thread_mutex
+  std::atomic<bool> aborted{false};
+  std::atomic<bool> running{false};
+  std::atomic<bool> silent{false};  // stopped from inside the callback: the host is told no more
+  int64_t movie_size = 0;           // bytes of the broken movie
+  PacketPtr packet;
+  Totals totals;
+};

@@ -1,0 +1,338 @@
+#include "raw_packets/av_packet_mux.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <iterator>
+#include <limits>
+#include <system_error>
+
+#include "AVSnapshot/snapshot.h"
+#include "base/MR_AVWriter.h"
+#include "common/log_site.h"
+#include "raw_packets/copy_loop.h"
+#include "raw_packets/start_codes.h"
+
+namespace {
+
+constexpr int kMaxCache = 60;
+constexpr int kExtraCache = 1000;
+constexpr int kHeaderFailed = -5;
+constexpr int kUnbounded = std::numeric_limits<int>::max();
+
+/// A live output that takes nothing for so long counts as broken: it would hold up the host's pushes for ever.
+constexpr int kLiveTimeoutSec = 10;
+constexpr std::chrono::seconds kLiveDrain{5};
+/// How long an opening may take once the session is being ended: a live output's time, and some for its giving up.
+constexpr std::chrono::seconds kOpeningPatience{8};
+
+/// @return whether one of the record's addresses begins with "rtmp://"
+bool has_rtmp_stream(const MovieInfo2& info) {
+  // The other record begins with the same fields.
+  constexpr size_t kCommon = offsetof(MovieInfo2, video_format);
+  static_assert(kCommon == offsetof(MovieInfo, no_audio));
+  MovieInfo addresses{};
+  std::memcpy(&addresses, &info, kCommon);
+  return addresses.hasRtmpStream();
+}
+
+void init_network(const MovieInfo2& info) {
+  if (!MR::isRtspStream(info.url) && !has_rtmp_stream(info)) return;
+  static const bool net_inited = avformat_network_init() >= 0;
+  (void)net_inited;
+}
+
+bool is_set(const char* text) { return text != nullptr && text[0] != '\0'; }
+
+}  // namespace
+
+const AVOutputFormat* output_format(const MovieInfo2& info) {
+  const char* short_name = nullptr;
+  if (MR::isRtspStream(info.url)) short_name = "rtsp";
+  if (strstr(info.url, "rtmp://") != nullptr) short_name = "flv";
+  return av_guess_format(short_name, short_name == nullptr ? info.url : nullptr, nullptr);
+}
+
+class AVPacketMux::Opening {
+ public:
+  explicit Opening(AVPacketMux* session) : m_session(session) { tell(true); }
+  ~Opening() { tell(false); }
+  Opening(const Opening&) = delete;
+  Opening& operator=(const Opening&) = delete;
+
+ private:
+  void tell(bool opening) {
+    const std::lock_guard<std::mutex> lock(m_session->m_mutex);
+    m_session->m_opening = opening;
+    m_session->m_opening_since = Clock::now();
+    m_session->m_changed.notify_all();
+  }
+  AVPacketMux* m_session;
+};
+
+AVPacketMux::AVPacketMux() = default;
+AVPacketMux::~AVPacketMux() = default;
+
+void AVPacketMux::start(const MovieInfo2& info, MovieStatusCallback cb, void* user) {
+  m_info = info;
+  // No text is read beyond its field, terminated or not. The others are copied: the worker may outlive the host's.
+  m_info.url[sizeof(m_info.url) - 1] = '\0';
+  m_info.snapshot_path[sizeof(m_info.snapshot_path) - 1] = '\0';
+  m_info.metadata[sizeof(m_info.metadata) - 1] = '\0';
+  for (const char*& url : m_info.other_urls) {
+    if (url == nullptr) break;
+    keep_text(&url);
+  }
+  keep_text(&m_info.video_format);
+  keep_text(&m_info.audio_format);
+  m_relay = std::make_unique<StatusRelay>(cb, user);
+  m_network = strstr(m_info.url, "://") != nullptr && strncmp(m_info.url, "file:", 5) != 0;
+  // Nobody reads a medium that is not announced: its host would wait for ever when the queue is full.
+  if (!is_set(m_info.video_format)) m_video.abort();
+  if (!is_set(m_info.audio_format)) m_audio.abort();
+  try {
+    m_thread = std::make_unique<std::thread>(&AVPacketMux::worker, this);
+  } catch (const std::exception& e) {
+    m_done = true;
+    clear();
+    const auto* of_system = dynamic_cast<const std::system_error*>(&e);
+    fail(AVERROR(of_system != nullptr ? of_system->code().value() : ENOMEM), e.what());
+  }
+}
+
+void AVPacketMux::keep_text(const char** text) {
+  if (*text != nullptr) *text = m_texts.emplace_back(*text).c_str();
+}
+
+void AVPacketMux::worker() {
+  thread_running();
+  bool left = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_done = true;
+    left = m_left;
+    m_changed.notify_all();
+  }
+  if (left) delete this;
+}
+
+void AVPacketMux::thread_running() {
+  const nuv::Defer cleaning([this] { clear(); });
+  try {
+    run();
+  } catch (const std::exception& e) {
+    MERU_LOG(2, "the session ends: %s", e.what());
+    fail(AVERROR_UNKNOWN, e.what());
+  }
+}
+
+void AVPacketMux::run() {
+  meru_compat::register_all();
+  init_network(m_info);
+  if (!open_output() || !open_inputs() || !add_streams()) return;
+  av_dump_format(m_out_ctx.get(), 0, MR::public_url(m_info.url).c_str(), 1);
+  make_writer();
+  open_snapshot();
+  if (!write_header()) return;
+  m_writer->start();
+  copy_packets();
+}
+
+/// Sends away whoever waits in a push first, then closes everything.
+void AVPacketMux::clear() {
+  m_video.abort();
+  m_audio.abort();
+  drop_writer();
+  m_video_ctx.reset();
+  m_audio_ctx.reset();
+  if (m_out_ctx != nullptr && (m_out_ctx->oformat->flags & AVFMT_NOFILE) == 0) avio_closep(&m_out_ctx->pb);
+  m_out_ctx.reset();
+  m_snapshot.reset();
+}
+
+/// Tells the host. @return false
+bool AVPacketMux::fail(int code, const std::string& text) {
+  m_relay->report(code, text.c_str());
+  return false;
+}
+
+bool AVPacketMux::open_output() {
+  const auto result = make_output();
+  if (result.has_error) return fail(result.code, result.message);
+  m_out_ctx.reset(result.value);
+  m_relay->report(MERU_STATUS_OK, "start success");
+  return true;
+}
+
+nuv::Expected_<AVFormatContext*> AVPacketMux::make_output() {
+  nuv::Expected_<AVFormatContext*> result;
+  const AVOutputFormat* format = output_format(m_info);
+  if (format == nullptr) {
+    return result.set_error(AVERROR_UNKNOWN, "could not find suitable output format: %s", m_info.url);
+  }
+  m_oformat = std::make_unique<meru_compat::OutputFormatCopy>(format);
+  AVFormatContext* made = nullptr;
+  int ret = avformat_alloc_output_context2(&made, m_oformat->get(), nullptr, m_info.url);
+  FormatContextPtr ctx(made);
+  if (ret >= 0) ret = open_io(ctx.get());
+  if (ret >= 0) return result.set_value(ctx.release());
+  return result.set_error(ret, "could not open output url '%s': %s", m_info.url, AvError(ret).text);
+}
+
+int AVPacketMux::open_io(AVFormatContext* ctx) {
+  ctx->interrupt_callback = m_interrupt.callback();
+  if (MR::isRtspStream(m_info.url)) MR::set_rtsp_options(ctx, kLiveTimeoutSec);
+  if ((ctx->oformat->flags & AVFMT_NOFILE) != 0) return 0;
+  const Opening opening(this);
+  AVDictionary* options = MR::io_options(m_info.url, kLiveTimeoutSec).release();
+  const int ret = avio_open2(&ctx->pb, m_info.url, AVIO_FLAG_WRITE, &ctx->interrupt_callback, &options);
+  av_dict_free(&options);
+  return ret;
+}
+
+bool AVPacketMux::open_inputs() {
+  return open_input(&m_video, m_info.video_format, &m_video_ctx) &&
+         open_input(&m_audio, m_info.audio_format, &m_audio_ctx);
+}
+
+bool AVPacketMux::open_input(InputBuffer* ib, const char* format, InputContextPtr* ctx) {
+  if (!is_set(format)) return true;
+  const auto result = open_input_buffer(ib, format);
+  if (result.has_error) return fail(result.code, result.message);
+  ctx->reset(result.value);
+  return true;
+}
+
+AVStream* AVPacketMux::add_stream(const AVFormatContext* input) {
+  AVStream* st = avformat_new_stream(m_out_ctx.get(), nullptr);
+  if (st == nullptr) return nullptr;
+  st->id = static_cast<int>(m_out_ctx->nb_streams) - 1;
+  if (avcodec_parameters_copy(st->codecpar, input->streams[0]->codecpar) < 0) return nullptr;
+  if (lengthen_start_codes(st->codecpar) < 0) return nullptr;
+  st->codecpar->codec_tag = 0;  // the input's tag may mean another codec in the output
+  st->time_base = input->streams[0]->time_base;
+  return st;
+}
+
+bool AVPacketMux::add_streams() {
+  if (m_video_ctx != nullptr) m_video_ost = add_stream(m_video_ctx.get());
+  if (m_audio_ctx != nullptr) m_audio_ost = add_stream(m_audio_ctx.get());
+  const bool complete =
+      (m_video_ctx == nullptr || m_video_ost != nullptr) && (m_audio_ctx == nullptr || m_audio_ost != nullptr);
+  return complete || fail(kHeaderFailed, "failed to writing header");
+}
+
+void AVPacketMux::make_writer() {
+  std::array<const char*, 5> urls{};  // ends in a null, which the record has no room for when all four are used
+  std::copy(std::begin(m_info.other_urls), std::end(m_info.other_urls), urls.begin());
+  auto writer = std::make_unique<MR::MR_AVWriter>(kMaxCache, kExtraCache, nullptr);
+  writer->m_status_cb = [](int id, const char* text, void* relay) {
+    static_cast<StatusRelay*>(relay)->report(id, text);
+  };
+  writer->m_status_user = m_relay.get();
+  writer->m_timeout_sec = kLiveTimeoutSec;
+  writer->create_other_writers(urls.data());
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_writer = std::move(writer);
+  if (m_limited) limit_outputs();
+}
+
+void AVPacketMux::open_snapshot() {
+  if (m_info.snapshot_path[0] == '\0') return;
+  const Opening opening(this);
+  m_snapshot = std::make_unique<Snapshot>();
+  if (!m_snapshot->open(m_info.snapshot_path)) {
+    MERU_LOG(2, "启动快照失败: %s", m_info.snapshot_path);
+    return;
+  }
+  const bool attached = m_snapshot->write_header(m_out_ctx.get());
+  MERU_LOG(2, "启动快照 (%s): %s", attached ? "success" : "failed", m_info.snapshot_path);
+}
+
+bool AVPacketMux::write_header() {
+  const Opening opening(this);  // the further outputs
+  if (m_writer->writeHeader(m_out_ctx.get(), m_info.metadata) == 0) return true;
+  return fail(kHeaderFailed, "failed to writing header");
+}
+
+void AVPacketMux::copy_packets() {
+  MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
+  MuxInput audio{"aac", m_audio_ctx.get(), &m_audio, m_audio_ost};
+  CopyLoop(&video, &audio, m_writer.get()).run();
+  const int ret = m_writer->writeTailer();
+  if (ret < 0) MERU_LOG(2, "error writing trailer: %s", AvError(ret).text);
+  drop_writer();
+}
+
+/// Ends the writing threads; what they have been given is written before.
+void AVPacketMux::drop_writer() {
+  if (m_writer == nullptr) return;
+  m_writer->stop();
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_writer.reset();
+}
+
+/// Gives live outputs until m_deadline. Called with m_mutex held.
+void AVPacketMux::limit_outputs() {
+  using std::chrono::microseconds;
+  const auto left = std::chrono::duration_cast<microseconds>(m_deadline - Clock::now());
+  const int64_t usec = std::max<int64_t>(left.count(), 0);
+  if (m_network) m_interrupt.limit(usec);
+  for (BaseWriter* w = m_writer.get(); w != nullptr; w = w->m_next_writer) {
+    if (w->m_live) w->m_interrupt.limit(usec);
+  }
+}
+
+/// Passes on what is held back, then ends the streams. Never waits: a few packets more than usual may be queued.
+void AVPacketMux::end_inputs() {
+  m_video.release(0, kUnbounded);
+  m_audio.release(0, kUnbounded);
+  m_audio._push_back_(nullptr, kUnbounded, false, 0);
+  m_video._push_back_(nullptr, kUnbounded, false, 0);
+}
+
+/// @return false when the worker hangs in the opening of an output
+bool AVPacketMux::wait_for_worker() {
+  const auto asked = Clock::now();
+  std::unique_lock<std::mutex> lock(m_mutex);
+  while (!m_done) {
+    if (!m_opening) {
+      m_changed.wait(lock);
+      continue;
+    }
+    const auto until = std::max(asked, m_opening_since) + kOpeningPatience;
+    if (m_changed.wait_until(lock, until) == std::cv_status::timeout && m_opening && Clock::now() >= until)
+      return false;
+  }
+  return true;
+}
+
+/// @return false when the worker has ended meanwhile
+bool AVPacketMux::leave_to_worker() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_done) return false;
+  m_thread->detach();
+  m_left = true;
+  return true;
+}
+
+void AVPacketMux::end(AVPacketMux* session) {
+  {
+    const std::lock_guard<std::mutex> lock(session->m_mutex);
+    session->m_limited = true;
+    session->m_deadline = Clock::now() + kLiveDrain;
+    session->limit_outputs();
+  }
+  session->end_inputs();
+  // Inside a callback this is the worker's own thread, or one that the worker waits for.
+  const bool inside = session->m_relay->inside_callback();
+  if (inside || !session->wait_for_worker()) {
+    session->m_relay->mute();
+    if (!inside) session->m_relay->wait_until_quiet();
+    if (session->leave_to_worker()) return;
+  }
+  if (session->m_thread != nullptr) session->m_thread->join();
+  delete session;
+}

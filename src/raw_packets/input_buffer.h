@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <string>
+
+#include "raw_packets/blocking_queue.h"
+#include "raw_packets/packet_stream_queue.h"
+
+/// The packets of one medium on their way from the host to the demuxer: copied into nodes of a pool of its own, put in
+/// the order of their stamps, read as a stream of bytes. The stamps go beside them.
+///
+/// One thread pushes, one reads. What only one of them may touch says so.
+class InputBuffer : public nuv::MRPacketQueue {
+ public:
+  InputBuffer() : MRPacketQueue(nullptr) {}
+  /// Releases what is held back as well.
+  ~InputBuffer() override;
+
+  /// Takes in one packet; null, or a size below 1, takes in nothing.
+  void hold(const void* data, int size, int64_t pts);
+  /// Passes on packets, the earliest first, until at most `keep` are held back. Waits while `max_queued` are queued.
+  void release(size_t keep, int max_queued);
+
+  /// Waits until there is something to read. @return how many bytes are there at least, so that reading as many waits
+  /// for nothing; 1 when there are no more, which reading then tells; 0 when the other medium holds its host back
+  int bytes_at_hand();
+  /// @return whether there is something to read, or nothing any more
+  bool ready();
+
+  /// From now on waiting ends when `other` is full: its host would be held back for ever when this medium has ended, or
+  /// pauses. To be called by the reading thread.
+  void give_way_to(InputBuffer* other) { m_other = other; }
+
+  /// The stamps of the packets in the stream, in the same order. One is there before the packet can be read.
+  nuv::BlockingQueue<long long> m_pts_queue;
+  std::map<int64_t, nuv::MRMemNode*> m_reorder;  ///< pushing thread: held back, by stamp; null for what was refused
+  std::string m_name;
+  bool m_eof = false;                                       ///< reading thread: the stream has ended
+  bool m_gave_way = false;                                  ///< reading thread: waiting ended for the other medium
+  int64_t m_allowed = std::numeric_limits<int64_t>::max();  ///< reading thread: bytes until the stream is cut off
+
+ private:
+  bool release_first(int max_queued);
+  bool other_is_full() const;
+
+  InputBuffer* m_other = nullptr;  // reading thread
+};
+
+/// How many packets are held back for reordering, and how many may wait to be read before a push waits.
+constexpr size_t kHeldBack = 6;
+constexpr int kMaxQueued = 500;
+
+/// 36000 years. Beyond, sums and differences of stamps would not fit into 64 bits on their way through the muxers.
+constexpr int64_t kLastPts = int64_t{1} << 60;
+
+/// Pushes a packet of the host's. Null, or a size below 1, passes on all that is held back.
+/// @return true, whatever became of the packet
+bool push_data(InputBuffer* ib, void* data, int size, long long pts);
