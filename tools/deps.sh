@@ -13,6 +13,7 @@ packages=(
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format clang-tidy clang libclang-rt-dev binutils time
+  nginx libnginx-mod-rtmp
 )
 
 case "${1:-}" in

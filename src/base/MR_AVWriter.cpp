@@ -1,13 +1,9 @@
 #include "base/MR_AVWriter.h"
 
-#include <cstring>
+#include <algorithm>
 #include <ostream>
 
 #include "common/log_site.h"
-
-extern "C" {
-#include <libavutil/opt.h>
-}
 
 namespace MR {
 
@@ -17,10 +13,7 @@ constexpr int64_t kNoPtsYet = -999999;
 constexpr int kCachePerOutput = 6;
 constexpr int kExtraCachePerOutput = 3;
 constexpr int kErrorTextSize = 512;
-
-bool starts_with(const char* url, const char* prefix) {
-  return url != nullptr && strncmp(url, prefix, strlen(prefix)) == 0;
-}
+constexpr int64_t kOpeningSec = 10;
 
 /// The container for a further output's address, or null.
 const AVOutputFormat* format_for(const char* url) {
@@ -63,33 +56,6 @@ std::ostream& operator<<(std::ostream& out, const MRException& e) {
   return out << "MRException(" << e.code() << "): " << e.what();
 }
 
-bool isRtmpStream(const char* url) { return starts_with(url, "rtmp://"); }
-bool isRtspStream(const char* url) { return starts_with(url, "rtsp://"); }
-bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(url); }
-
-std::string public_url(const char* url) {
-  std::string text(url);
-  const size_t slash = text.rfind('/', text.find('?'));  // a token behind the key may hold slashes
-  const bool has_key = slash != std::string::npos && slash + 1 < text.size();
-  if (isRtmpStream(url) && has_key) text.replace(slash + 1, std::string::npos, "***");
-  return text;
-}
-
-DictionaryPtr io_options(const char* url, int timeout_sec) {
-  AVDictionary* options = nullptr;
-  if (timeout_sec > 0 && isLiveStream(url)) {
-    av_dict_set_int(&options, "rw_timeout", static_cast<int64_t>(timeout_sec) * 1000000, 0);
-  }
-  return DictionaryPtr(options);
-}
-
-void set_rtsp_options(AVFormatContext* ctx, int timeout_sec) {
-  av_opt_set(ctx->priv_data, "rtsp_transport", "tcp", 0);
-  // In 32 bits, as the option is documented: a huge value wraps.
-  const auto usec = static_cast<int>(static_cast<uint32_t>(timeout_sec) * 1000000U);
-  if (timeout_sec > 0) av_opt_set_int(ctx->priv_data, meru_compat::rtsp_timeout_option(), usec, 0);
-}
-
 MR_AVWriter::MR_AVWriter(int max_cache, int extra_cache, const char* url)
     : m_queue(std::make_unique<PacketQueue>()),
       m_max_cache(max_cache),
@@ -116,6 +82,7 @@ void MR_AVWriter::create_other_writers(const char** urls) {
     writer->m_interrupt.begin_start(m_interrupt.stop_flag());
     writer->m_live = isLiveStream(url);
     writer->m_timeout_sec = m_timeout_sec;
+    writer->m_number = i;
     writer->m_prev_writer = previous;
     previous->m_next_writer = writer.get();
     previous->m_next_owned = std::move(writer);
@@ -138,15 +105,32 @@ int MR_AVWriter::writeHeader(AVFormatContext* s, const char* metainfo) {
   if (m_exited) throw_exited("main writer already exited ...");
   int result = 0;
   if (m_fmt_ctx == nullptr) {
-    AVFormatContext* ctx = prepare_fmt_ctx(s);
-    result = ctx != nullptr ? BaseWriter::writeHeader(ctx, metainfo) : -1;
-    if (result < 0 && m_prev_writer == nullptr && ctx != nullptr) return result;
-    // A further output without a header takes no packets; the outputs behind it go on.
-    if (result < 0) close_clone();
+    result = open(s, metainfo);
+    if (result < 0 && m_prev_writer == nullptr && s != nullptr) return result;
   }
   if (m_next_writer != nullptr) m_next_writer->writeHeader(s, metainfo);
   if (m_exited) throw_exited("main writer already exited 2 ...");
   return result;
+}
+
+/// A further output without a header takes no packets; the outputs behind it go on. A server that does not answer must
+/// not keep the recording from beginning, so its opening has an end even where the host asked for no time-out.
+int MR_AVWriter::open(AVFormatContext* s, const char* metainfo) {
+  const bool further = m_prev_writer != nullptr;
+  if (further && m_live) m_interrupt.limit_opening(std::max<int64_t>(m_timeout_sec, kOpeningSec) * 1000000);
+  AVFormatContext* ctx = prepare_fmt_ctx(s);
+  const int result = ctx != nullptr ? BaseWriter::writeHeader(ctx, metainfo) : -1;
+  if (result < 0 && ctx != nullptr) log_failure(ctx->url, result);
+  if (result < 0 && further) close_clone();
+  m_interrupt.opening_over();
+  return result;
+}
+
+/// One line for each output that fails. Nothing is said of a start that is broken off because it was stopped.
+void MR_AVWriter::log_failure(const char* url, int error) const {
+  if (m_interrupt.start_given_up()) return;
+  if (error == AVERROR_EXIT && m_interrupt.too_late()) error = AVERROR(ETIMEDOUT);
+  log_failed_output(m_number, url, error);
 }
 
 int MR_AVWriter::enqueue(const AVStream* st, AVPacket* pkt, bool flag) {
@@ -224,6 +208,7 @@ void MR_AVWriter::fail(int error) {
   char text[kErrorTextSize] = {};
   av_strerror(error, text, sizeof(text));
   MERU_LOG(2, "[Write Pkt Err] (cache=%d, max=%d), err=%d, errmsg=%s", cachedNPackets(), m_max_cache, error, text);
+  if (m_fmt_ctx != nullptr) log_failure(m_fmt_ctx->url, error);
   if (m_status_cb != nullptr && !m_interrupt.start_given_up()) m_status_cb(error, text, m_status_user);
 }
 
@@ -284,6 +269,7 @@ AVFormatContext* MR_AVWriter::clone_fmt_ctx(AVFormatContext* src, const char* ur
   const int ret = make_clone(src, url, &ctx);
   if (ret >= 0) return ctx.release();
   fprintf(stderr, "Error ###: %s\n", AvError(ret).text);
+  log_failure(url, ret);
   ctx.reset();
   m_format.reset();
   return nullptr;

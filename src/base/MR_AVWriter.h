@@ -8,6 +8,7 @@
 
 #include "base/base_writer.h"
 #include "base/packetqueue.h"
+#include "base/stream_url.h"
 #include "common/ffmpeg_compat.h"
 
 namespace MR {
@@ -28,19 +29,6 @@ std::ostream& operator<<(std::ostream& out, const MRException& e);
 
 /// Code of the exception that says that the recording was stopped while it started; never reported to the host.
 constexpr int kAlreadyExited = 20;
-
-/// @return whether `url` begins with "rtmp://"
-bool isRtmpStream(const char* url);
-/// @return whether `url` begins with "rtsp://"
-bool isRtspStream(const char* url);
-/// @return whether `url` is an address of a live stream rather than a file
-bool isLiveStream(const char* url);
-/// @return `url` fit for a log: the last path element of an RTMP address is a secret key and becomes "***"
-std::string public_url(const char* url);
-/// Makes an RTSP output use TCP, and bounds its reads and writes when `timeout_sec` is positive.
-void set_rtsp_options(AVFormatContext* ctx, int timeout_sec);
-/// I/O options of an output: bounds each network read and write by `timeout_sec` when that is positive.
-DictionaryPtr io_options(const char* url, int timeout_sec);
 
 /// Writes packets on a thread of its own, through a bounded queue, and hands each one on to further outputs, every one
 /// of which is such a writer with its own context, queue and thread.
@@ -83,6 +71,8 @@ class MR_AVWriter : public BaseWriter {
   static constexpr size_t kMaxStreams = 8;
 
   int make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out);
+  int open(AVFormatContext* s, const char* metainfo);
+  void log_failure(const char* url, int error) const;
   int enqueue(const AVStream* st, AVPacket* pkt, bool flag);
   void running();
   int write_queued();
@@ -97,6 +87,7 @@ class MR_AVWriter : public BaseWriter {
   int m_extra_cache;
   std::atomic<bool> m_tailer_done{false};
   std::string m_url;  // address of a further output, empty for the main writer
+  int m_number = 0;   // place of a further output in the chain, 0 for the main writer
   std::atomic<bool> m_exited{false};
   std::array<std::atomic<int64_t>, kMaxStreams> m_last_pts;
   std::unique_ptr<MR_AVWriter> m_next_owned;                // what m_next_writer points to

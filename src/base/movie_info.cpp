@@ -1,6 +1,6 @@
 #include "meru/movie_info.h"
 
-#include "base/MR_AVWriter.h"
+#include "base/stream_url.h"
 
 bool MovieInfo_::hasRtmpStream() const {
   if (MR::isRtmpStream(url)) return true;

@@ -7,6 +7,7 @@
 
 #include "AVSnapshot/snapshot.h"
 #include "base/MR_AVWriter.h"
+#include "base/stream_url.h"
 #include "common/log_site.h"
 
 extern "C" {
@@ -183,8 +184,9 @@ void MovieMuxer::open_io(const MovieInfo& info) {
   const int ret = avio_open2(&m_oc->pb, info.url, AVIO_FLAG_WRITE, &m_oc->interrupt_callback, &options);
   av_dict_free(&options);
   if (ret >= 0) return;
-  // The address is not printed: an RTMP address ends in a secret key. The text keeps its form.
+  // The text keeps its form without the address; the line behind it has the address without its secret key.
   MERU_LOG(2, "Could not open '%s': %s", "", AvError(ret).text);
+  if (!m_writer->m_interrupt.start_given_up()) MR::log_failed_output(0, info.url, ret);
   throw MR::MRException("Could not open url", MERU_STATUS_OPEN_FAILED);
 }
 

@@ -13,9 +13,9 @@ using StopFlag = std::shared_ptr<std::atomic<bool>>;
 
 /// Breaks off the blocking network calls of one output.
 ///
-/// During the start a call is broken off as soon as the stop flag is set. While recording nothing is broken off. Once
-/// the recording is being stopped, a network output has until a deadline. Installed in the output's context, asked by
-/// FFmpeg on whatever thread does the I/O; must outlive that context.
+/// During the start a call is broken off as soon as the stop flag is set, and the opening may have a limit. While
+/// recording nothing is broken off. Once the recording is being stopped, a network output has until a deadline.
+/// Installed in the output's context, asked by FFmpeg on whatever thread does the I/O; must outlive that context.
 class IoInterrupt {
  public:
   IoInterrupt() = default;
@@ -28,9 +28,15 @@ class IoInterrupt {
   void start_over() { m_starting = false; }
   /// Breaks off everything that still blocks `usec` microseconds from now.
   void limit(int64_t usec);
+  /// The same for the opening of the output alone, until opening_over().
+  void limit_opening(int64_t usec);
+  void opening_over() { m_opening_deadline = 0; }
 
   /// @return whether the start was told to stop before it was over, so that errors of its I/O mean nothing.
   bool start_given_up() const { return m_starting && *m_stop; }
+
+  /// @return whether a limit has passed
+  bool too_late() const;
 
   const StopFlag& stop_flag() const { return m_stop; }
   AVIOInterruptCB callback() { return {&IoInterrupt::asked, this}; }
@@ -41,4 +47,5 @@ class IoInterrupt {
   StopFlag m_stop;  // set before the I/O begins, constant afterwards
   std::atomic<bool> m_starting{false};
   std::atomic<int64_t> m_deadline{0};  // on the steady clock in microseconds, 0 = none
+  std::atomic<int64_t> m_opening_deadline{0};
 };

@@ -11,6 +11,7 @@
 
 #include "AVSnapshot/snapshot.h"
 #include "base/MR_AVWriter.h"
+#include "base/stream_url.h"
 #include "common/log_site.h"
 #include "raw_packets/copy_loop.h"
 #include "raw_packets/start_codes.h"
@@ -178,6 +179,7 @@ nuv::Expected_<AVFormatContext*> AVPacketMux::make_output() {
   FormatContextPtr ctx(made);
   if (ret >= 0) ret = open_io(ctx.get());
   if (ret >= 0) return result.set_value(ctx.release());
+  MR::log_failed_output(0, m_info.url, ret);
   return result.set_error(ret, "could not open output url '%s': %s", m_info.url, AvError(ret).text);
 }
 

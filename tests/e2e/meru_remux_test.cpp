@@ -110,7 +110,7 @@ TEST_F(MeruRemuxTest, KilledRemuxIsRepairedWithPicturesAndSound) {
       "ultrafast "
       "-bf 0 -g 25 -c:a aac long.mp4");
   ToolProcess process(m_folder, "long.mp4 --realtime --progress 20 -o cut.mp4 --index cut.index", -1, "remux");
-  ASSERT_TRUE(process.says("00:00:02.")) << process.err();
+  ASSERT_TRUE(process.reaches(2)) << process.err();
   process.send(SIGKILL);
   ASSERT_EQ(process.wait(), 128 + SIGKILL);
   const ToolRun run = m_folder.run("repair --json cut.mp4 cut.index out.mp4");
@@ -128,7 +128,7 @@ TEST_F(MeruRemuxTest, KilledRemuxIsRepairedWithPicturesAndSound) {
 
 TEST_F(MeruRemuxTest, CtrlCCompletesTheMovie) {
   ToolProcess process(m_folder, "movie.mp4 --realtime --progress 20 -o out.mp4", -1, "remux");
-  ASSERT_TRUE(process.says("00:00:01.")) << process.err();
+  ASSERT_TRUE(process.reaches(1)) << process.err();
   process.send(SIGINT);
   EXPECT_EQ(process.wait(), 0);
   EXPECT_EQ(decode_errors(m_folder.file("out.mp4")), "");

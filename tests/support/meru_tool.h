@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -99,6 +101,22 @@ class ToolProcess {
   /// Waits for text on standard output.
   bool says(const std::string& text) const {
     return eventually([&] { return out().find(text) != std::string::npos; });
+  }
+  /// How far the last plain progress line says that the work is, in seconds; -1 before the first line.
+  double told_seconds() const {
+    double told = -1;
+    std::istringstream lines(out());
+    for (std::string line; std::getline(lines, line);) {
+      int hours = 0, minutes = 0;
+      double seconds = 0;
+      if (std::sscanf(line.c_str(), "%d:%d:%lf  ", &hours, &minutes, &seconds) != 3) continue;
+      told = hours * 3600 + minutes * 60 + seconds;
+    }
+    return told;
+  }
+  /// Waits until the command is as far.
+  bool reaches(double seconds) const {
+    return eventually([&] { return told_seconds() >= seconds; });
   }
   /// Waits until the command has its own handler for a signal. The shell that starts it may have one, too.
   bool catches(int signal_number) const {

@@ -52,11 +52,30 @@ TEST(IoInterruptTest, LimitThatHasPassedBreaksOff) {
   EXPECT_TRUE(asks_to_break_off(interrupt));
 }
 
+TEST(IoInterruptTest, LimitOfTheOpeningEndsWithIt) {
+  IoInterrupt interrupt;
+  interrupt.limit_opening(0);
+  EXPECT_TRUE(asks_to_break_off(interrupt));
+  EXPECT_TRUE(interrupt.too_late());
+  interrupt.opening_over();
+  EXPECT_FALSE(asks_to_break_off(interrupt));
+  EXPECT_FALSE(interrupt.too_late());
+}
+
+TEST(IoInterruptTest, OpeningThatIsOverLeavesTheOtherLimit) {
+  IoInterrupt interrupt;
+  interrupt.limit(0);
+  interrupt.limit_opening(60000000);
+  interrupt.opening_over();
+  EXPECT_TRUE(interrupt.too_late());
+}
+
 TEST(IoInterruptTest, LimitBreaksOffNoSoonerThanItSays) {
   using Clock = std::chrono::steady_clock;
   constexpr auto kLimit = std::chrono::milliseconds(20);
   IoInterrupt interrupt;
-  const auto before = Clock::now();
+  // Limits count in whole microseconds.
+  const auto before = std::chrono::time_point_cast<std::chrono::microseconds>(Clock::now());
   interrupt.limit(20000);
   while (!asks_to_break_off(interrupt)) {
     ASSERT_LT(Clock::now() - before, std::chrono::seconds(5));

@@ -191,12 +191,25 @@ TEST(FurtherOutputs, CannotBeStartedAfterStop) {
 struct LeftOutCase {
   const char* name;
   const char* file;
+  const char* reason;
 };
+
+/// What the log says of outputs that failed.
+std::vector<std::string> failures(LogCapture& log) {
+  std::vector<std::string> texts;
+  for (const auto& line : log.lines()) {
+    if (line.level == 2 && line.text.find(") failed: ") != std::string::npos) {
+      texts.push_back(line.text.substr(1, line.text.size() - 3));
+    }
+  }
+  return texts;
+}
 
 class LeftOutOutput : public testing::TestWithParam<LeftOutCase> {};
 
-TEST_P(LeftOutOutput, LeavesTheOthersAlone) {
+TEST_P(LeftOutOutput, LeavesTheOthersAloneAndIsLoggedOnce) {
   const TempDir dir;
+  LogCapture log;
   Reports reports;
   Chain chain(dir, {dir.file(GetParam().file), dir.file("c.avi")});
   reports.listen_to(chain.writer());
@@ -206,14 +219,16 @@ TEST_P(LeftOutOutput, LeavesTheOthersAlone) {
   chain.write_scene(20);
   chain.finish();
   EXPECT_EQ(reports.count(), 0U);
+  EXPECT_EQ(failures(log), std::vector<std::string>{"further output 1 (" + dir.file(GetParam().file) +
+                                                    ") failed: " + GetParam().reason});
   expect_scene(dir.file("main.mkv"), "matroska", 20);
   expect_scene(dir.file("c.avi"), "avi", 20);
 }
 
 INSTANTIATE_TEST_SUITE_P(Outputs, LeftOutOutput,
-                         testing::Values(LeftOutCase{"NoSuchFolder", "missing/b.nut"},
-                                         LeftOutCase{"NoSuchFormat", "b.unknown"},
-                                         LeftOutCase{"RefusesTheStreams", "b.wav"}),
+                         testing::Values(LeftOutCase{"NoSuchFolder", "missing/b.nut", "No such file or directory"},
+                                         LeftOutCase{"NoSuchFormat", "b.unknown", "Invalid argument"},
+                                         LeftOutCase{"RefusesTheStreams", "b.wav", "Invalid argument"}),
                          meru_test::CaseName());
 
 TEST(FurtherOutputs, FailOnTheirOwn) {
@@ -245,6 +260,8 @@ TEST(FurtherOutputs, FailOnTheirOwn) {
   }
   chain.finish();
   EXPECT_EQ(reports.count(), 0U);
+  EXPECT_EQ(failures(log), std::vector<std::string>{"further output 1 (" + dir.file("full.avi") +
+                                                    ") failed: No space left on device"});
   for (const char* name : {"main.mkv", "c.nut"}) {
     EXPECT_EQ(ReadBack(dir.file(name)).packets(kVideoStream), static_cast<size_t>(images)) << name;
   }
@@ -270,6 +287,7 @@ TEST(FurtherOutputs, GoOnWhenTheMainOutputHasFailed) {
 
 TEST(FurtherOutputs, AreNotOpenedWhenTheMainHeaderFails) {
   const TempDir dir;
+  LogCapture log;
   TestOutput output("wav", dir.file("a.wav"));  // takes no video
   const std::string other = dir.file("b.nut");
   const char* urls[] = {other.c_str(), nullptr};
@@ -277,6 +295,8 @@ TEST(FurtherOutputs, AreNotOpenedWhenTheMainHeaderFails) {
   writer.create_other_writers(urls);
   EXPECT_LT(writer.writeHeader(output.get(), nullptr), 0);
   EXPECT_FALSE(std::filesystem::exists(other));
+  EXPECT_EQ(failures(log),
+            std::vector<std::string>{"main output (" + dir.file("a.wav") + ") failed: Function not implemented"});
 }
 
 }  // namespace

@@ -1,0 +1,84 @@
+#include "base/stream_url.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "common/ffmpeg_compat.h"
+#include "common/log_site.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+namespace MR {
+
+namespace {
+
+constexpr const char* kHidden = "***";
+
+bool starts_with(const char* url, const char* prefix) {
+  return url != nullptr && strncmp(url, prefix, strlen(prefix)) == 0;
+}
+
+/// "//user:password@host" becomes "//user:***@host".
+void hide_password(std::string* url) {
+  const size_t host = url->find("://");
+  if (host == std::string::npos) return;
+  const size_t begin = host + 3;
+  const size_t at = url->rfind('@', url->find_first_of("/?", begin));
+  const size_t colon = url->find(':', begin);
+  if (at == std::string::npos || at < begin || colon > at) return;
+  url->replace(colon + 1, at - colon - 1, kHidden);
+}
+
+/// Whatever follows the key, a token or the options behind a space, goes with it: it may hold slashes and secrets.
+void hide_key(std::string* url) {
+  const size_t begin = url->find("://") + 3;
+  const size_t slash = url->rfind('/', url->find_first_of("? ", begin));
+  if (slash != std::string::npos && slash >= begin && slash + 1 < url->size()) {
+    url->replace(slash + 1, std::string::npos, kHidden);
+  }
+}
+
+/// RTMP and its kin: over TLS, over HTTP.
+bool has_key(const char* url) {
+  for (const char* scheme : {"rtmp://", "rtmps://", "rtmpt://", "rtmpts://", "rtmpe://", "rtmpte://"}) {
+    if (starts_with(url, scheme)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool isRtmpStream(const char* url) { return starts_with(url, "rtmp://"); }
+bool isRtspStream(const char* url) { return starts_with(url, "rtsp://"); }
+bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(url); }
+
+std::string public_url(const char* url) {
+  std::string text(url);
+  hide_password(&text);
+  if (has_key(url)) hide_key(&text);
+  return text;
+}
+
+DictionaryPtr io_options(const char* url, int timeout_sec) {
+  AVDictionary* options = nullptr;
+  if (timeout_sec > 0 && isLiveStream(url)) {
+    av_dict_set_int(&options, "rw_timeout", static_cast<int64_t>(timeout_sec) * 1000000, 0);
+  }
+  return DictionaryPtr(options);
+}
+
+void set_rtsp_options(AVFormatContext* ctx, int timeout_sec) {
+  av_opt_set(ctx->priv_data, "rtsp_transport", "tcp", 0);
+  // In 32 bits, as the option is documented: a huge value wraps.
+  const auto usec = static_cast<int>(static_cast<uint32_t>(timeout_sec) * 1000000U);
+  if (timeout_sec > 0) av_opt_set_int(ctx->priv_data, meru_compat::rtsp_timeout_option(), usec, 0);
+}
+
+void log_failed_output(int number, const char* url, int error) {
+  const std::string name = number > 0 ? "further output " + std::to_string(number) : "main output";
+  MERU_LOG(2, "%s (%s) failed: %s", name.c_str(), public_url(url).c_str(), AvError(error).text);
+}
+
+}  // namespace MR
