@@ -120,6 +120,7 @@ int MR_AVWriter::open(AVFormatContext* s, const char* metainfo) {
   if (further && m_live) m_interrupt.limit_opening(std::max<int64_t>(m_timeout_sec, kOpeningSec) * 1000000);
   AVFormatContext* ctx = prepare_fmt_ctx(s);
   const int result = ctx != nullptr ? BaseWriter::writeHeader(ctx, metainfo) : -1;
+  if (result >= 0) log_open_output(m_number, ctx->url);
   if (result < 0 && ctx != nullptr) log_failure(ctx->url, result);
   if (result < 0 && further) close_clone();
   m_interrupt.opening_over();

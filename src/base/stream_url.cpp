@@ -48,6 +48,11 @@ bool has_key(const char* url) {
   return false;
 }
 
+std::string output_name(int number, const char* url) {
+  const std::string place = number > 0 ? "further output " + std::to_string(number) : "main output";
+  return place + " (" + public_url(url) + ")";
+}
+
 }  // namespace
 
 bool isRtmpStream(const char* url) { return starts_with(url, "rtmp://"); }
@@ -77,8 +82,9 @@ void set_rtsp_options(AVFormatContext* ctx, int timeout_sec) {
 }
 
 void log_failed_output(int number, const char* url, int error) {
-  const std::string name = number > 0 ? "further output " + std::to_string(number) : "main output";
-  MERU_LOG(2, "%s (%s) failed: %s", name.c_str(), public_url(url).c_str(), AvError(error).text);
+  MERU_LOG(2, "%s failed: %s", output_name(number, url).c_str(), AvError(error).text);
 }
+
+void log_open_output(int number, const char* url) { MERU_LOG(4, "%s is open", output_name(number, url).c_str()); }
 
 }  // namespace MR

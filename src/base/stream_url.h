@@ -26,5 +26,7 @@ DictionaryPtr io_options(const char* url, int timeout_sec);
 /// @param number  the place of a further output in the record, from 1; 0 for the main output
 /// @param error   FFmpeg's
 void log_failed_output(int number, const char* url, int error);
+/// Logs that an output takes packets from now on, at level 4, as "main output (movie.mp4) is open".
+void log_open_output(int number, const char* url);
 
 }  // namespace MR

@@ -220,7 +220,7 @@ TEST_F(MeruRecordTroubleTest, SourceOfTheOtherTrackMayBeUnusedAndMissing) {
 TEST_F(MeruRecordTroubleTest, FurtherOutputThatFailsIsToldAndTheMovieIsComplete) {
   const ToolRun run = m_folder.run(TEST_MOVIE "--also rtmp://127.0.0.1:1/live/key");
   EXPECT_EQ(run.status, kFailure);
-  EXPECT_EQ(run.err, "meru: a further output failed: Connection refused\n");
+  EXPECT_EQ(run.err, "meru: the further output rtmp://127.0.0.1:1/live/*** failed: Connection refused\n");
   EXPECT_EQ(count_frames(m_folder.file("m.mp4")), 15);
 }
 

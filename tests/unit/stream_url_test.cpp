@@ -62,6 +62,14 @@ INSTANTIATE_TEST_SUITE_P(Outputs, IoOptions,
                                          IoOptionsCase{"File", "/a.mp4", 3, "unset"}),
                          meru_test::CaseName());
 
+TEST(OpenOutput, IsLoggedWithItsPlaceAndItsAddress) {
+  meru_test::LogCapture log;
+  MR::log_open_output(0, "/folder/movie.mkv");
+  MR::log_open_output(4, "rtmp://host/app/key");
+  EXPECT_EQ(log.count(4, "main output (/folder/movie.mkv) is open"), 1);
+  EXPECT_EQ(log.count(4, "further output 4 (rtmp://host/app/***) is open"), 1);
+}
+
 TEST(FailedOutput, IsLoggedWithItsPlaceItsAddressAndTheReason) {
   meru_test::LogCapture log;
   MR::log_failed_output(0, "rtmp://host/app/key", AVERROR(ECONNREFUSED));

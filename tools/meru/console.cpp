@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,6 +32,20 @@ int copy_of(int fd) {
   return copy >= 0 ? copy : open("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 
+/// The beginning of a text that fits into one line of a terminal; a longer one could not be written over.
+std::string cut_to_width(const std::string& text, int fd) {
+  winsize size{};
+  if (ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return text;
+  size_t end = 0;
+  int columns = 0;
+  while (end < text.size() && columns < size.ws_col - 1) {
+    do ++end;
+    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U);  // one character of UTF-8
+    ++columns;
+  }
+  return text.substr(0, end);
+}
+
 }  // namespace
 
 Console& Console::instance() {
@@ -48,7 +63,7 @@ void Console::clear_status() {
 
 void Console::status(const std::string& text) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  write_all(m_out, "\r" + text + "\033[K");
+  write_all(m_out, "\r" + cut_to_width(text, m_out) + "\033[K");
   m_status_shown = true;
 }
 

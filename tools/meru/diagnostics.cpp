@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <regex>
 
 #include "failure.h"
 #include "meru/log.h"
@@ -19,10 +19,9 @@ namespace meru_tool {
 namespace {
 
 constexpr size_t kMostBytes = 1 << 18;
-
-// What stands before the reason in lines that tell more of what the callback was told. The library leaves the quotes
-// empty, because addresses hold secret keys.
-constexpr const char* kReasonPrefixes[] = {"Could not open '': ", "Error occurred when opening output file: "};
+constexpr int kFailures = 2;
+constexpr int kLifecycle = 4;
+constexpr int kPrefixSize = 128;
 
 int open_nameless() {
   std::error_code error;
@@ -62,6 +61,7 @@ std::string component_words(const std::string& line) {
 bool tells_failure(const std::string& message) {
   // These repeat what the callback is told.
   if (contains(message, "### statu cb") || contains(message, "---- catch error ---")) return false;
+  if (contains(message, "further output ")) return false;  // the recording goes on without it
   for (const char* text : {"Could not ", "Error ", "failed"}) {
     if (contains(message, text)) return true;
   }
@@ -76,7 +76,7 @@ Diagnostics::Diagnostics(const std::string& log, bool verbose) {
   } else if (!verbose) {
     m_file = Fd(open_nameless());
   }
-  MERU_Log_Level(verbose ? 4 : 2);
+  listen(verbose ? kLifecycle : kFailures);
   if (m_file.get() < 0) return;
   struct stat st {};
   if (fstat(m_file.get(), &st) == 0) m_begin = st.st_size;
@@ -102,12 +102,11 @@ std::vector<std::string> Diagnostics::lines() const {
 }
 
 std::string Diagnostics::last_failure() const {
+  const std::string of_main_output = output(0).failure;
+  if (!of_main_output.empty()) return of_main_output;
   const std::vector<std::string> all = lines();
   for (size_t i = all.size(); i-- > 0;) {
     std::string message = message_of(all[i]);
-    for (const char* prefix : kReasonPrefixes) {
-      if (message.rfind(prefix, 0) == 0) return message.substr(std::strlen(prefix));
-    }
     if (!tells_failure(message) || !component_words(message).empty()) continue;
     // "Generic error in an external library" says little; what the component printed before says what it was.
     const std::string words = i > 0 ? component_words(all[i - 1]) : "";
@@ -130,17 +129,37 @@ bool Diagnostics::index_failed() const {
   });
 }
 
-std::vector<std::string> Diagnostics::further_output_failures() const {
-  std::vector<std::string> failures;
-  for (const std::string& line : lines()) {
-    const std::string message = message_of(line);
-    if (message.rfind("Error ###: ", 0) == 0) failures.push_back(message.substr(11));
-    const size_t errmsg = message.find("errmsg=");
-    if (message.rfind("[Write Pkt Err]", 0) == 0 && errmsg != std::string::npos) {
-      failures.push_back(message.substr(errmsg + 7));
-    }
-  }
-  return failures;
+Diagnostics::OutputState Diagnostics::output(int number) const {
+  const std::lock_guard<std::mutex> lock(m_heard->mutex);
+  const auto at = m_heard->outputs.find(number);
+  return at != m_heard->outputs.end() ? at->second : OutputState();
+}
+
+/// The library tells the fate of each output in its log alone: "further output 1 (address) failed: reason".
+void Diagnostics::Heard::note(const std::string& message) {
+  static const std::regex pattern(R"re("(?:main output|further output (\d+)) \(.*\) (?:is open|failed: (.*))"\s*)re");
+  std::smatch match;
+  if (!std::regex_match(message, match, pattern)) return;
+  const std::lock_guard<std::mutex> lock(mutex);
+  OutputState& state = outputs[match[1].matched ? std::stoi(match[1]) : 0];
+  state.open = !match[2].matched;
+  if (match[2].matched && state.failure.empty()) state.failure = match[2];
+}
+
+/// Listens to the log, and writes it where it would have gone.
+void Diagnostics::listen(int level) {
+  MERU_Log_Level(level);
+  nuv::Logger* logger = nuv::Logger::instance();
+  logger->m_callback = [logger, level, heard = m_heard](const char* tag, int line_level, const char* file, int line,
+                                                        const char* message) {
+    if (line_level > std::max(level, kLifecycle)) return;
+    heard->note(message);
+    if (line_level > level) return;
+    char prefix[kPrefixSize];
+    logger->make_prefix(prefix, sizeof(prefix), tag, static_cast<nuv::NuvLogLevel>(line_level), file, line);
+    std::fputs((std::string(prefix) + message).c_str(), stderr);
+    std::fflush(stderr);
+  };
 }
 
 }  // namespace meru_tool

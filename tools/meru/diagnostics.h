@@ -1,5 +1,8 @@
 #pragma once
 
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,12 +24,27 @@ class Diagnostics {
   bool start_given_up() const;
   /// Whether the side index could not be opened or attached.
   bool index_failed() const;
-  /// The failures of further outputs, which the library reports to nobody.
-  std::vector<std::string> further_output_failures() const;
+
+  /// What the library has said of an output.
+  struct OutputState {
+    bool open = false;
+    std::string failure;  ///< empty while it has not failed
+  };
+  /// @param number  0 for the main output, else the place among the further ones
+  OutputState output(int number) const;
 
  private:
+  /// What the library's log is taken apart into. It may still log after this object's end.
+  struct Heard {
+    mutable std::mutex mutex;
+    std::map<int, OutputState> outputs;  // guarded by mutex
+    void note(const std::string& message);
+  };
+
+  void listen(int level);
   std::vector<std::string> lines() const;
 
+  std::shared_ptr<Heard> m_heard = std::make_shared<Heard>();
   Fd m_file;
   off_t m_begin = 0;  // where this run's part of the log begins
 };

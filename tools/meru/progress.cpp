@@ -28,8 +28,9 @@ std::string time_text(double recorded) {
 }  // namespace
 
 std::string shown(const std::string& output) {
-  const size_t slash = output.rfind('/');
-  return output.rfind("rtmp://", 0) == 0 && slash > 6 ? output.substr(0, slash + 1) + "***" : output;
+  const bool is_rtmp = output.rfind("rtmp", 0) == 0 && output.find("://") != std::string::npos;
+  const size_t slash = output.rfind('/', output.find_first_of("? "));
+  return is_rtmp && slash > output.find("://") + 2 ? output.substr(0, slash + 1) + "***" : output;
 }
 
 Progress::Progress(std::string output, std::string shown, std::chrono::milliseconds interval)
@@ -67,9 +68,9 @@ void Progress::show(const Figures& figures, bool has_video) {
   const double rate = static_cast<double>(figures.images - m_shown_images) / elapsed;
   m_shown = now;
   m_shown_images = figures.images;
-  const std::string line = text(figures, has_video, rate);
+  const std::string line = text(figures, has_video, rate) + (figures.outputs.empty() ? "" : "  " + figures.outputs);
   if (Console::instance().is_terminal()) {
-    Console::instance().status(line + (figures.paused ? "  paused" : ""));
+    Console::instance().status((figures.paused ? "paused  " : "") + line);
   } else if (!figures.paused) {
     Console::instance().line(line);
   }

@@ -12,6 +12,7 @@ struct Figures {
   double longest = 0;  ///< how far one of them has got
   int64_t images = 0;
   bool paused = false;
+  std::string outputs;  ///< the state of each output, empty when there is nothing to tell
 };
 
 /// An address as messages show it: the last part of an RTMP address is a secret key.

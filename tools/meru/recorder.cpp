@@ -16,12 +16,15 @@ namespace {
 
 constexpr long long kUsecPerSec = 1000000;
 constexpr std::chrono::milliseconds kLookInterval{100};
-constexpr std::chrono::seconds kAnswerGrace{1};
+constexpr std::chrono::seconds kTellInterval{1};
 
 }  // namespace
 
 Recorder::Recorder(const RecordOptions& options, Diagnostics* diagnostics)
-    : m_options(options), m_diagnostics(diagnostics), m_pace(options.realtime) {
+    : m_options(options),
+      m_diagnostics(diagnostics),
+      m_outputs(options.output, options.also, diagnostics),
+      m_pace(options.realtime) {
   VideoShape shape;
   m_video.source = open_video(options, &shape);
   m_audio.source = open_audio(options);
@@ -91,8 +94,7 @@ std::string Recorder::failure() const {
 }
 
 void Recorder::start_session() {
-  const auto& also = m_options.also;
-  const bool network = is_network(m_options.output) || std::any_of(also.begin(), also.end(), &is_network);
+  const bool network = m_outputs.any_live();
   // Connecting takes its time and can be interrupted; a file is opened at once.
   m_session = MERU_start(m_info, &on_status, this, nullptr, network);
   if (network) wait_for_server();
@@ -120,12 +122,22 @@ void Recorder::check_session() {
 }
 
 void Recorder::wait_for_server() {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(m_options.timeout_sec) + kAnswerGrace;
+  using Clock = std::chrono::steady_clock;
+  const auto begin = Clock::now();
+  const auto deadline = begin + std::chrono::seconds(m_outputs.longest_opening_sec(m_options.timeout_sec));
+  auto tell_at = begin + kTellInterval;
+  if (Console::instance().is_terminal()) Console::instance().status(m_outputs.states());
   std::unique_lock<std::mutex> lock(m_mutex);
   // The library says nothing when an encoder refuses its settings, but for a line among its diagnostics.
   while (!m_started && m_failure.empty() && !m_stop_asked && !m_diagnostics->start_given_up()) {
     m_answered.wait_for(lock, kLookInterval);
-    if (m_options.timeout_sec == 0 || std::chrono::steady_clock::now() < deadline) continue;
+    const auto now = Clock::now();
+    if (!m_started && now >= tell_at) {
+      Console::instance().is_terminal() ? Console::instance().status(m_outputs.states())
+                                        : Console::instance().line(m_outputs.states());
+      tell_at = now + kTellInterval;
+    }
+    if (m_options.timeout_sec == 0 || now < deadline) continue;
     m_failure = "no answer from the server within " + std::to_string(m_options.timeout_sec) + " s";
   }
 }
@@ -246,6 +258,7 @@ Figures Recorder::figures() const {
   }
   figures.images = m_video.recorded;
   figures.paused = m_paused;
+  figures.outputs = m_outputs.states();
   return figures;
 }
 
@@ -254,9 +267,7 @@ std::vector<std::string> Recorder::shortcomings() const {
   for (const TrackState* state : {&m_video, &m_audio}) {
     if (state->source != nullptr && !state->source->trouble().empty()) texts.push_back(state->source->trouble());
   }
-  for (const std::string& reason : m_diagnostics->further_output_failures()) {
-    texts.push_back("a further output failed: " + reason);
-  }
+  for (const std::string& failure : m_outputs.further_failures()) texts.push_back(failure);
   struct stat st {};
   if (!m_options.index.empty() && (stat(m_options.index.c_str(), &st) != 0 || st.st_size == 0)) {
     texts.push_back("the index " + m_options.index + " was not written");

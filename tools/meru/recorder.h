@@ -10,6 +10,7 @@
 
 #include "diagnostics.h"
 #include "media_source.h"
+#include "outputs.h"
 #include "pace.h"
 #include "progress.h"
 
@@ -66,6 +67,7 @@ class Recorder {
 
   const RecordOptions& m_options;
   Diagnostics* m_diagnostics;
+  Outputs m_outputs;
   TrackState m_video, m_audio;
   MovieInfo m_info;
   Pace m_pace;

@@ -7,6 +7,7 @@
 #include "diagnostics.h"
 #include "failure.h"
 #include "output_paths.h"
+#include "outputs.h"
 #include "remuxer.h"
 
 namespace meru_tool {
@@ -62,14 +63,15 @@ CLI::App* add_remux_command(CLI::App* app, RemuxOptions* o) {
 int remux(const RemuxOptions& options) {
   check(options);
   const Diagnostics diagnostics(options.log, options.verbose);
+  const Outputs outputs(options.output, options.also, &diagnostics);
   {
-    Remuxer remuxer(options);
+    Remuxer remuxer(options, &outputs);
     const Control control(
         false, [] {}, [&] { remuxer.stop(); });
     remuxer.run();
   }
-  const std::vector<std::string> failures = diagnostics.further_output_failures();
-  for (const std::string& reason : failures) Console::instance().error("a further output failed: " + reason);
+  const std::vector<std::string> failures = outputs.further_failures();
+  for (const std::string& failure : failures) Console::instance().error(failure);
   if (!options.index.empty() && diagnostics.index_failed()) {
     Console::instance().error("the index " + options.index + " was not written");
     return EXIT_FAILURE;

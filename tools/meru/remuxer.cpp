@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "console.h"
 #include "failure.h"
@@ -10,7 +11,8 @@
 
 namespace meru_tool {
 
-Remuxer::Remuxer(const RemuxOptions& options) : m_options(options), m_pace(options.realtime) {
+Remuxer::Remuxer(const RemuxOptions& options, const Outputs* outputs)
+    : m_options(options), m_outputs(outputs), m_pace(options.realtime) {
   m_video.track = Pace::kVideo;
   m_audio.track = Pace::kAudio;
   open_sources();
@@ -101,11 +103,13 @@ bool Remuxer::push_next(Track* track) {
   return true;
 }
 
-/// The first failure ends the work.
-void Remuxer::note_failure(const std::string& text) {
+/// The first failure ends the work. The library's text may hold the address with its key.
+void Remuxer::note_failure(std::string text) {
+  const size_t address = text.find(m_options.output);
+  if (address != std::string::npos) text.replace(address, m_options.output.size(), shown(m_options.output));
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_failure.empty()) m_failure = text;
+    if (m_failure.empty()) m_failure = std::move(text);
   }
   m_pace.stop();
 }
@@ -123,6 +127,7 @@ Figures Remuxer::figures() const {
   const bool both = m_video.source != nullptr && m_audio.source != nullptr;
   figures.seconds = both ? static_cast<double>(std::min(video, audio)) / 1e6 : figures.longest;
   figures.images = m_video.packets;
+  figures.outputs = m_outputs->states();
   return figures;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "meru/raw_packets.h"
+#include "outputs.h"
 #include "pace.h"
 #include "packet_source.h"
 #include "progress.h"
@@ -18,7 +19,7 @@ namespace meru_tool {
 /// One run of `meru remux`: a session of the library, fed with packets from two threads.
 class Remuxer {
  public:
-  explicit Remuxer(const RemuxOptions& options);
+  Remuxer(const RemuxOptions& options, const Outputs* outputs);
   ~Remuxer();
   Remuxer(const Remuxer&) = delete;
   Remuxer& operator=(const Remuxer&) = delete;
@@ -42,11 +43,12 @@ class Remuxer {
   static void on_status(int code, const char* text, void* user);
   void push_all(Track* track);
   bool push_next(Track* track);
-  void note_failure(const std::string& text);
+  void note_failure(std::string text);
   std::string failure() const;
   Figures figures() const;
 
   const RemuxOptions& m_options;
+  const Outputs* m_outputs;
   Track m_video, m_audio;
   int64_t m_start_usec = INT64_MAX;  // where the movie begins in its file
   MovieInfo2 m_info;
