@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "base/rtsp_tail.h"
 #include "common/log_site.h"
 
 namespace MR {
@@ -127,11 +128,11 @@ int MR_AVWriter::open(AVFormatContext* s, const char* metainfo) {
   return result;
 }
 
-/// One line for each output that fails. Nothing is said of a start that is broken off because it was stopped.
+/// One line for each output that fails. Nothing is said of a start that is broken off because it was stopped; I/O that
+/// was broken off because it took too long fails with various errors, of which none says so.
 void MR_AVWriter::log_failure(const char* url, int error) const {
   if (m_interrupt.start_given_up()) return;
-  if (error == AVERROR_EXIT && m_interrupt.too_late()) error = AVERROR(ETIMEDOUT);
-  log_failed_output(m_number, url, error);
+  log_failed_output(m_number, url, m_interrupt.too_late() ? AVERROR(ETIMEDOUT) : error);
 }
 
 int MR_AVWriter::enqueue(const AVStream* st, AVPacket* pkt, bool flag) {
@@ -180,16 +181,19 @@ void MR_AVWriter::running() {
 
 /// Writes until the end marker or an error. @return 0 when the output is complete, else the error
 int MR_AVWriter::write_queued() {
+  RtspTail tail(m_fmt_ctx);
   AVPacket pkt;
   meru_compat::init_packet(&pkt);
   while (m_queue->get(&pkt, true) >= 0) {
     if (m_fmt_ctx == nullptr) return -1;
     if (PacketQueue::is_tailer(&pkt)) {
-      const int ret = av_interleaved_write_frame(m_fmt_ctx, nullptr);
+      int ret = tail.push_out();
+      if (ret >= 0) ret = av_interleaved_write_frame(m_fmt_ctx, nullptr);
       if (ret < 0) return ret;
       MERU_LOG(2, "******* get tailer-pkt ****");
       break;
     }
+    tail.note(&pkt);
     const int ret = av_interleaved_write_frame(m_fmt_ctx, &pkt);
     av_packet_unref(&pkt);
     if (ret < 0) return ret;

@@ -12,6 +12,7 @@
 #include "AVSnapshot/snapshot.h"
 #include "base/MR_AVWriter.h"
 #include "base/stream_url.h"
+#include "common/extradata.h"
 #include "common/log_site.h"
 #include "raw_packets/copy_loop.h"
 #include "raw_packets/start_codes.h"
@@ -218,9 +219,29 @@ AVStream* AVPacketMux::add_stream(const AVFormatContext* input) {
   return st;
 }
 
+/// RTSP announces the streams before the first packet, so it cannot learn from it what the sound is.
+bool AVPacketMux::wants_bare_sound() const {
+  const AVCodecParameters* par = m_audio_ctx->streams[0]->codecpar;
+  if (par->codec_id != AV_CODEC_ID_AAC || par->extradata_size > 0) return false;
+  bool rtsp = MR::isRtspStream(m_info.url);
+  for (const char* url : m_info.other_urls) {
+    if (url == nullptr) break;
+    rtsp = rtsp || MR::isRtspStream(url);
+  }
+  return rtsp;
+}
+
+/// Sound in which each frame describes itself is described once, for the whole stream; the frames then go without.
+void AVPacketMux::describe_bare_sound() {
+  AVCodecParameters* par = m_audio_ost->codecpar;
+  const std::string config = aac_config(par->sample_rate, meru_compat::channels_of(par));
+  m_bare_sound = !config.empty() && set_extradata(par, config) >= 0;
+}
+
 bool AVPacketMux::add_streams() {
   if (m_video_ctx != nullptr) m_video_ost = add_stream(m_video_ctx.get());
   if (m_audio_ctx != nullptr) m_audio_ost = add_stream(m_audio_ctx.get());
+  if (m_audio_ost != nullptr && wants_bare_sound()) describe_bare_sound();
   const bool complete =
       (m_video_ctx == nullptr || m_video_ost != nullptr) && (m_audio_ctx == nullptr || m_audio_ost != nullptr);
   return complete || fail(kHeaderFailed, "failed to writing header");
@@ -262,6 +283,7 @@ bool AVPacketMux::write_header() {
 void AVPacketMux::copy_packets() {
   MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
   MuxInput audio{"aac", m_audio_ctx.get(), &m_audio, m_audio_ost};
+  audio.bare = m_bare_sound;
   CopyLoop(&video, &audio, m_writer.get()).run();
   const int ret = m_writer->writeTailer();
   if (ret < 0) MERU_LOG(2, "error writing trailer: %s", AvError(ret).text);

@@ -65,6 +65,8 @@ class AVPacketMux {
   bool open_input(InputBuffer* ib, const char* format, InputContextPtr* ctx);
   AVStream* add_stream(const AVFormatContext* input);
   bool add_streams();
+  bool wants_bare_sound() const;
+  void describe_bare_sound();
   void make_writer();
   void open_snapshot();
   bool write_header();
@@ -90,8 +92,9 @@ class AVPacketMux {
   std::unique_ptr<Snapshot> m_snapshot;
   AVStream* m_video_ost = nullptr;
   AVStream* m_audio_ost = nullptr;
-  IoInterrupt m_interrupt;  // of the main output
-  bool m_network = false;   // the main output is not a file
+  bool m_bare_sound = false;  // frames of sound are written without their headers
+  IoInterrupt m_interrupt;    // of the main output
+  bool m_network = false;     // the main output is not a file
 
   using Clock = std::chrono::steady_clock;
   std::mutex m_mutex;

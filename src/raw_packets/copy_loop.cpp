@@ -35,6 +35,13 @@ bool is_damaged(const AVPacket* packet, const AVCodecParameters* par) {
   return checksum && (blocks > 1 || packet->size <= AV_AAC_ADTS_HEADER_SIZE + 2);
 }
 
+void take_header_off(AVPacket* packet) {
+  const bool checksum = (packet->data[1] & 1) == 0;
+  const int size = AV_AAC_ADTS_HEADER_SIZE + (checksum ? 2 : 0);
+  packet->data += size;
+  packet->size -= size;
+}
+
 /// The demuxer's own stamp in microseconds. A packet that it gives none goes on at the pace of those before it.
 int64_t own_stamp(const AVPacket* packet, const MuxInput* input) {
   if (packet->pts == AV_NOPTS_VALUE) {
@@ -136,6 +143,7 @@ int CopyLoop::read(MuxInput* input) {
     if (!is_damaged(m_work.get(), input->ifmt_ctx->streams[0]->codecpar)) break;
     note_damage(input, AVERROR_INVALIDDATA);
   }
+  if (input->bare) take_header_off(m_work.get());
   PacketPtr packet(av_packet_clone(m_work.get()));
   av_packet_unref(m_work.get());
   if (packet == nullptr) return AVERROR(ENOMEM);

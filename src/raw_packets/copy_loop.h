@@ -14,6 +14,7 @@ struct MuxInput {
   AVFormatContext* ifmt_ctx;  ///< its demuxer, null when there is none
   InputBuffer* buffer;
   AVStream* ost;                                            ///< the output stream made for it
+  bool bare = false;                                        ///< frames of sound are written without their headers
   int64_t last_pts = 0;                                     ///< of the packet written last, microseconds
   int64_t step = 0;                                         ///< from the one before it to that packet
   int64_t last_tick = std::numeric_limits<int64_t>::min();  ///< the same packet's stamp as the output has it

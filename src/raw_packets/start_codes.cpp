@@ -1,6 +1,6 @@
 #include "raw_packets/start_codes.h"
 
-#include <algorithm>
+#include "common/extradata.h"
 
 std::string with_long_start_codes(const std::string& annex_b) {
   const std::string code("\0\0\1", 3);
@@ -19,11 +19,5 @@ int lengthen_start_codes(AVCodecParameters* par) {
   if (!annex_b) return 0;
   const std::string longer =
       with_long_start_codes({reinterpret_cast<const char*>(par->extradata), static_cast<size_t>(par->extradata_size)});
-  auto* bytes = static_cast<uint8_t*>(av_mallocz(longer.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-  if (bytes == nullptr) return AVERROR(ENOMEM);
-  std::copy(longer.begin(), longer.end(), bytes);
-  av_freep(&par->extradata);
-  par->extradata = bytes;
-  par->extradata_size = static_cast<int>(longer.size());
-  return 0;
+  return set_extradata(par, longer);
 }

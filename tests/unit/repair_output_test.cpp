@@ -3,40 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "common/ffmpeg_compat.h"
+#include "support/hex.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-std::string hex(const std::string& bytes) {
-  std::string text;
-  for (const char c : bytes) {
-    char digits[3];
-    snprintf(digits, sizeof(digits), "%02x", static_cast<unsigned char>(c));
-    text += digits;
-  }
-  return text;
-}
-
-struct ConfigCase {
-  int rate, channels;
-  const char* config;
-};
-
-class AacConfig : public testing::TestWithParam<ConfigCase> {};
-
-TEST_P(AacConfig, NamesRateAndChannels) {
-  EXPECT_EQ(hex(aac_config(GetParam().rate, GetParam().channels)), GetParam().config);
-}
-
-INSTANTIATE_TEST_SUITE_P(Known, AacConfig,
-                         testing::Values(ConfigCase{48000, 2, "1190"}, ConfigCase{44100, 2, "1210"},
-                                         ConfigCase{48000, 1, "1188"}, ConfigCase{44100, 1, "1208"},
-                                         ConfigCase{96000, 1, "1008"}, ConfigCase{7350, 1, "1608"},
-                                         ConfigCase{16000, 6, "1430"}, ConfigCase{48000, 8, "11b8"}));
-INSTANTIATE_TEST_SUITE_P(RateInFull, AacConfig, testing::Values(ConfigCase{48001, 2, "17805dc090"}));
-INSTANTIATE_TEST_SUITE_P(Inexpressible, AacConfig,
-                         testing::Values(ConfigCase{48000, 0, ""}, ConfigCase{48000, 7, ""}, ConfigCase{48000, -1, ""},
-                                         ConfigCase{48000, 9, ""}));
+using meru_test::hex;
 
 class RepairOutput : public testing::Test {
  protected:

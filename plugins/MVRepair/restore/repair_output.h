@@ -19,7 +19,3 @@ using OutputPtr = std::unique_ptr<AVFormatContext, CloseOutput>;
 /// @return 0 or FFmpeg's negative error
 int open_repair_output(const char* output, const std::string& broken, const std::string& moov, const MVHeader& header,
                        OutputPtr* out);
-
-/// The AudioSpecificConfig of AAC-LC, for sound whose container learnt its parameters too late for the index.
-/// @return nothing when the channels cannot be expressed
-std::string aac_config(int sample_rate, int channels);

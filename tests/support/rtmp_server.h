@@ -1,0 +1,116 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "support/eventually.h"
+#include "support/run_command.h"
+#include "support/server_process.h"
+
+namespace meru_test {
+
+/// nginx with its RTMP module on a free port of 127.0.0.1, that records every stream whole.
+class RtmpServer {
+ public:
+  /// @param folder  exists, and takes the configuration, the logs and the recordings
+  explicit RtmpServer(const std::string& folder) : m_folder(folder + "/rtmp" + m_port.text()) {
+    std::filesystem::create_directories(m_folder + "/recorded");
+    std::ofstream(m_folder + "/nginx.conf") << configuration();
+    m_process = std::make_unique<ServerProcess>(
+        std::vector<std::string>{program(), "-p", m_folder, "-c", "nginx.conf", "-e", "error.log"}, output());
+    const bool settled = eventually([&] { return m_port.has_listener() || m_process->has_ended(); });
+    if (!settled || m_process->has_ended()) throw std::runtime_error("nginx does not listen: " + said());
+  }
+  RtmpServer(const RtmpServer&) = delete;
+  RtmpServer& operator=(const RtmpServer&) = delete;
+
+  std::string url(const std::string& key) const { return address("live", key); }
+  /// An application that rejects every stream name.
+  std::string refusing_url(const std::string& key) const { return address("refusing", key); }
+  /// Path of the recording, complete once the server has seen the publisher go.
+  std::string recorded(const std::string& key) const { return m_folder + "/recorded/" + key + ".flv"; }
+  /// Waits until the recording is complete.
+  bool has_recorded(const std::string& key) {
+    return eventually([&] { return std::filesystem::exists(recorded(key)) && !m_process->has_open(recorded(key)); });
+  }
+  /// Waits until somebody publishes.
+  bool has_publisher(const std::string& key) {
+    return eventually([&] { return m_process->has_open(recorded(key)); });
+  }
+
+  /// From then on the port refuses connections. What is recorded so far stays.
+  void kill() { m_process->kill(); }
+  void suspend() { m_process->suspend(); }
+  void resume() { m_process->resume(); }
+
+ private:
+  std::string address(const std::string& application, const std::string& key) const {
+    return "rtmp://127.0.0.1:" + m_port.text() + "/" + application + "/" + key;
+  }
+  std::string output() const { return m_folder + "/said.txt"; }
+  std::string said() const {
+    std::ifstream in(output());
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  /// An ordinary user's search path often lacks the folder that it is installed to.
+  static std::string program() {
+    const char* const usual = "/usr/sbin/nginx";
+    return access(usual, X_OK) == 0 ? usual : "nginx";
+  }
+  static std::string modules() {
+    const std::string option = "--modules-path=";
+    const std::string told = run_command(program() + " -V").output;
+    const size_t at = told.find(option);
+    if (at == std::string::npos) throw std::runtime_error("no nginx with loadable modules: " + told);
+    const size_t begin = at + option.size();
+    return told.substr(begin, told.find_first_of(" \n", begin) - begin);
+  }
+  /// One process, so that a signal reaches all of the server. The largest message has to take a picture of noise.
+  /// No receipts: one that meets a publisher which has just gone makes the system drop what the server has yet to read.
+  std::string configuration() const {
+    return "load_module " + modules() + "/ngx_rtmp_module.so;\n" + (geteuid() == 0 ? "user root;\n" : "") +
+           "daemon off;\n"
+           "master_process off;\n"
+           "pid nginx.pid;\n"
+           "error_log error.log info;\n"
+           "events { worker_connections 64; }\n"
+           "rtmp {\n"
+           "  server {\n"
+           "    listen 127.0.0.1:" +
+           m_port.text() +
+           ";\n"
+           "    max_message 64M;\n"
+           "    ack_window 1000000000;\n"
+           "    application live { live on; record all; record_path \"" +
+           m_folder +
+           "/recorded\"; record_suffix .flv; }\n"
+           "    application refusing { live on; on_publish http://127.0.0.1:" +
+           m_http_port.text() +
+           "/; }\n"
+           "  }\n"
+           "}\n"
+           "http {\n"
+           "  access_log off;\n"
+           "  client_body_temp_path body;\n"
+           "  proxy_temp_path proxy;\n"
+           "  fastcgi_temp_path fastcgi;\n"
+           "  uwsgi_temp_path uwsgi;\n"
+           "  scgi_temp_path scgi;\n"
+           "  server { listen 127.0.0.1:" +
+           m_http_port.text() +
+           "; return 403; }\n"
+           "}\n";
+  }
+
+  ReservedPort m_port, m_http_port;
+  std::string m_folder;
+  std::unique_ptr<ServerProcess> m_process;
+};
+
+}  // namespace meru_test
