@@ -45,7 +45,15 @@ fi
 
 echo "Installing: ${missing[*]}"
 log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+# The web server is wanted as a program: without this, its package would start it as a service.
+policy=/usr/sbin/policy-rc.d
+if [ -e "$policy" ]; then
+  trap 'rm -f "$log"' EXIT
+else
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+  "${as_root[@]}" chmod +x "$policy"
+  trap 'rm -f "$log"; "${as_root[@]}" rm -f "$policy"' EXIT
+fi
 apt() { "${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get "$@" >"$log" 2>&1 </dev/null; }
 if ! { apt update && apt install -y --no-install-recommends "${missing[@]}"; }; then
   cat "$log" >&2
