@@ -68,6 +68,7 @@ class ServerProcess {
   /// @param output  path of a file that takes what the server says
   ServerProcess(std::vector<std::string> arguments, const std::string& output) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     const pid_t parent = getpid();
