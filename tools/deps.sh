@@ -12,6 +12,7 @@ packages=(
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
+  doxygen
   clang-format clang-tidy clang libclang-rt-dev binutils time
   nginx libnginx-mod-rtmp
 )
