@@ -14,6 +14,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format clang-tidy clang libclang-rt-dev binutils time
   nginx libnginx-mod-rtmp
+  python3
 )
 
 case "${1:-}" in
