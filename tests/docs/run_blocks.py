@@ -150,7 +150,7 @@ def prepare(checker, folder):
 
 
 def main(language, source, tool):
-    source = Path(source)
+    source = Path(source).resolve()
     checker = {"python": PythonBlocks, "sh": ShellBlocks}[language](source, tool)
     documents = [source / "README.md", source / "CONTRIBUTING.md", *sorted(source.glob("docs/*.md")),
                  source / "bindings" / "python" / "README.md"]

@@ -125,8 +125,9 @@ class Session:
                 self._starter = 0
                 self._calls -= 1
                 self._changed.notify_all()
+            if self._handle is None:
+                self._end()
         if self._handle is None:
-            self._end()
             raise MemoryError("the library could not make a session")
         if not self._asynchronous:
             try:

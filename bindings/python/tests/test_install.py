@@ -25,8 +25,9 @@ def has_tools():
 
 
 class InstallTest(FolderTest):
-    @unittest.skipUnless(has_tools(), "pip, or what it builds packages with, is missing")
     def test_the_installed_package_finds_the_library(self):
+        if not has_tools():  # not as a decorator: some interpreters call a program without any test that ran a failure
+            self.skipTest("pip, or what it builds packages with, is missing")
         source = self.folder / "source"
         source.mkdir()
         for name in ("pyproject.toml", "README.md"):
