@@ -15,6 +15,7 @@ test_packages=(
   doxygen
   clang-format clang-tidy clang libclang-rt-dev binutils time
   nginx libnginx-mod-rtmp
+  python3
 )
 
 case "${1:-}" in

@@ -20,7 +20,7 @@ fi
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
 [ "$(pkg-config --modversion merulib)" = "$version" ] || fail "pkg-config names another version"
 # Unquoted: flags are words.
-"$compiler" -std=c11 -Wall -Wextra -Werror $(pkg-config --cflags merulib) "$source/examples/record_c.c" \
+"$compiler" -std=c11 -pedantic -Wall -Wextra -Werror $(pkg-config --cflags merulib) "$source/examples/record_c.c" \
   -o "$work/record_c" $(pkg-config --libs merulib)
 "$source/examples/check.sh" "$work/record_c" "$work/c.mp4" 1 "h264,320,240,25 aac,43"
 
