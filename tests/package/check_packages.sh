@@ -4,6 +4,7 @@
 #   check_packages.sh SOURCE BUILD C_COMPILER VERSION CPACK TRIPLET LIBDIR
 set -euo pipefail
 source=$1 build=$2 compiler=$3 version=$4 cpack=$5 triplet=$6 libdir=$7
+here=$(cd "$(dirname "$0")" && pwd)
 fail() { echo "FAILED: $*" >&2; exit 1; }
 skip() { echo "SKIPPED: $*" >&2; exit 77; }
 for program in dpkg-deb dpkg-shlibdeps file; do
@@ -72,5 +73,5 @@ while IFS= read -r binary; do
 done < <(find root/usr/bin root/usr/lib -type f \( -name meru -o -name '*.so.*' \))
 
 export LD_LIBRARY_PATH=$work/root/usr/$libdir
-"$(dirname "$0")/use.sh" "$source/examples" "$work/root/usr" "$version" "$compiler"
+"$here/use.sh" "$source/examples" "$work/root/usr" "$version" "$compiler"
 echo "${#packages[@]} packages: ${packages[*]}"

@@ -7,6 +7,10 @@ examples=$1 prefix=$2 version=$3 compiler=$4
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAILED: $*" >&2; exit 1; }
+example() {  # PROGRAM EXPECTED: one second of it; hosts tell much
+  "$examples/check.sh" "$1" "$1.mp4" 1 "$2" >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+  echo "$(basename "$1"): $(tail -n 1 "$work/log")"
+}
 
 libdir=$(dirname "$(find "$prefix/lib" -name 'libMeruLib.so')")
 [ -d "$libdir" ] || fail "no library"
@@ -17,9 +21,10 @@ readelf -d "$libdir/libMeruLib.so" | grep -qF "[libMeruLib.so.${version%%.*}]" |
 # Unquoted: flags are words.
 "$compiler" -std=c11 -Wall -Wextra -Werror $(pkg-config --cflags merulib) "$examples/record_c.c" \
   -o "$work/record_c" $(pkg-config --libs merulib)
-path=$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
-[ "$prefix" != /usr ] || path=
-LD_LIBRARY_PATH=$path "$examples/check.sh" "$work/record_c" "$work/c.mp4" 1 "h264,320,240,25 aac,43"
+(
+  [ "$prefix" = /usr ] || export LD_LIBRARY_PATH=$libdir
+  example "$work/record_c" "h264,320,240,25 aac,43"
+)
 
 cat >"$work/CMakeLists.txt" <<END
 cmake_minimum_required(VERSION 3.18)
@@ -32,7 +37,7 @@ target_link_libraries(host PRIVATE MeruLib::MeruLib Threads::Threads)
 END
 cmake -S "$work" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >"$work/cmake.log" || fail "$(cat "$work/cmake.log")"
 cmake --build "$work/build" >"$work/cmake.log" || fail "$(cat "$work/cmake.log")"
-"$examples/check.sh" "$work/build/host" "$work/cpp.mp4" 1 "h264,640,360,30 aac,46"
+example "$work/build/host" "h264,640,360,30 aac,46"
 
 meru=$prefix/bin/meru
 [ -e "$meru" ] || exit 0
