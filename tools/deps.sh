@@ -8,14 +8,14 @@ packages=(
   g++ cmake ninja-build ccache pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libavfilter-dev libavdevice-dev libpostproc-dev
-  libcli11-dev nlohmann-json3-dev ffmpeg
+  libcli11-dev nlohmann-json3-dev ffmpeg help2man
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   doxygen
   clang-format clang-tidy clang libclang-rt-dev binutils time
   nginx libnginx-mod-rtmp
-  python3
+  python3 dpkg-dev file man-db
 )
 
 case "${1:-}" in

@@ -26,9 +26,11 @@ constexpr int kPrefixSize = 128;
 int open_nameless() {
   std::error_code error;
   std::string pattern = (std::filesystem::temp_directory_path(error) / "meru-XXXXXX").string();
-  const int fd = mkostemp(pattern.data(), O_CLOEXEC | O_APPEND);
+  const int fd = mkstemp(pattern.data());
   if (fd < 0) return open("/dev/null", O_RDWR | O_CLOEXEC);
   unlink(pattern.c_str());
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  fcntl(fd, F_SETFL, O_APPEND);
   return fd;
 }
 
