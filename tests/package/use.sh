@@ -19,7 +19,7 @@ readelf -d "$libdir/libMeruLib.so" | grep -qF "[libMeruLib.so.${version%%.*}]" |
 [ "$prefix" = /usr ] || export PKG_CONFIG_PATH=$libdir/pkgconfig
 [ "$(pkg-config --modversion merulib)" = "$version" ] || fail "pkg-config names another version"
 # Unquoted: flags are words.
-"$compiler" -std=c11 -Wall -Wextra -Werror $(pkg-config --cflags merulib) "$examples/record_c.c" \
+"$compiler" -std=c11 -pedantic -Wall -Wextra -Werror $(pkg-config --cflags merulib) "$examples/record_c.c" \
   -o "$work/record_c" $(pkg-config --libs merulib)
 (
   [ "$prefix" = /usr ] || export LD_LIBRARY_PATH=$libdir

@@ -104,7 +104,7 @@ std::vector<std::string> Diagnostics::lines() const {
 }
 
 std::string Diagnostics::last_failure() const {
-  const std::string of_main_output = output(0).failure;
+  std::string of_main_output = output(0).failure;
   if (!of_main_output.empty()) return of_main_output;
   const std::vector<std::string> all = lines();
   for (size_t i = all.size(); i-- > 0;) {
