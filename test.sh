@@ -16,4 +16,5 @@ step "format and static analysis"
 tests/lint.sh build/dev
 
 step "tests"
-ctest --preset dev -j2 --output-on-failure --no-tests=error
+# Three at once on two cores: many tests wait for servers.
+ctest --preset dev -j3 --output-on-failure --no-tests=error

@@ -57,8 +57,8 @@ typedef struct MovieInfo2 MovieInfo2;  ///< for hosts in C
 /// @param info  the description, copied
 /// @param cb    told how the session fares, on threads of the library; may be null. It may call any exported function,
 ///              MERU2_stop on its own session included, and must not throw. Codes:
-///              0 "start success": the output is open;
-///              -5 "failed to writing header": the container refused the streams;
+///              0 "start success": the output is open (RTSP connects later, with the header);
+///              -5 "failed to writing header": the container or an RTSP server refused the streams;
 ///              negative FFmpeg codes otherwise: the output cannot be opened or has no known container, an input's
 ///              format is unknown, an input ended before enough of it came to open it, or the main output failed
 ///              while packets were written (with FFmpeg's text alone then), or there is no memory or thread left.

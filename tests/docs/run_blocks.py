@@ -77,6 +77,7 @@ class ShellBlocks:
         self.source = source
         self.meru = Path(meru)
         self.environment = {"PATH": f"{self.meru.parent}{os.pathsep}{os.environ['PATH']}"}
+        self.packages = None  # where a block has made Debian packages
         presets = json.loads((source / "CMakePresets.json").read_text(encoding="utf-8"))
         self.presets = {
             kind: {preset["name"] for preset in presets[f"{kind}Presets"] if not preset.get("hidden")}
@@ -111,6 +112,8 @@ class ShellBlocks:
             yield command
 
     def check_command(self, words, folder):
+        if words[0] == "sudo":
+            words = words[1:]
         program = words[0]
         if program == "meru":
             run(words, folder, self.environment)
@@ -120,7 +123,11 @@ class ShellBlocks:
             self.check_presets(words)
         elif words[:4] == ["python3", "-m", "pip", "install"]:
             self.need((self.source / words[4] / "pyproject.toml").is_file(), f"{words[4]} cannot be installed")
-        else:
+        elif program == "cpack":
+            self.check_packages(words)
+        elif words[:2] == ["apt", "install"]:
+            self.need(words[2:] == [f"./{self.packages}/*.deb"], f"no packages are made for {' '.join(words)!r}")
+        elif words != ["ldconfig"]:
             raise Wrong(f"this check knows nothing of the command {program!r}")
 
     def check_presets(self, words):
@@ -130,6 +137,12 @@ class ShellBlocks:
                 self.need(value in self.presets[kind], f"there is no preset {value!r} to {kind}")
             if option == "--install":
                 self.need(Path(value).name in self.presets["configure"], f"no preset makes {value}")
+
+    def check_packages(self, words):
+        config = Path(words[words.index("--config") + 1])
+        made = config.name == "CPackConfig.cmake" and config.parent.name in self.presets["configure"]
+        self.need(made, f"no preset makes {config}")
+        self.packages = words[words.index("-B") + 1]
 
     @staticmethod
     def need(condition, text):

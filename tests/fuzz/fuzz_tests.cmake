@@ -1,4 +1,4 @@
-# The fuzzers, built by clang in a build of their own, and run for half a minute each as tests of the label "fuzz".
+# The fuzzers, built by clang in a build of their own, and run for a quarter of a minute each as tests of the label "fuzz".
 # By hand, for longer:  build/dev/fuzz/build/repair_fuzz -max_total_time=600 -close_fd_mask=3 FOLDER build/dev/fuzz/seeds/repair
 if(NOT TARGET meru)
   message(STATUS "No fuzzers: what they begin with is recorded by the meru command")
@@ -44,7 +44,7 @@ add_test(NAME fuzz_seeds COMMAND ${CMAKE_CURRENT_LIST_DIR}/make_seeds.sh $<TARGE
 set_tests_properties(fuzz_seeds PROPERTIES LABELS fuzz FIXTURES_SETUP fuzz_seeds TIMEOUT 60)
 foreach(fuzzer IN LISTS fuzzers)
   add_test(NAME fuzz_${fuzzer}
-           COMMAND ${fuzz_dir}/build/${fuzzer}_fuzz -max_total_time=30 -rss_limit_mb=512 -timeout=10 -max_len=32768
+           COMMAND ${fuzz_dir}/build/${fuzzer}_fuzz -max_total_time=15 -rss_limit_mb=512 -timeout=10 -max_len=32768
                    -close_fd_mask=3 -artifact_prefix=${fuzz_dir}/${fuzzer}- ${fuzz_dir}/found/${fuzzer}
                    ${fuzz_dir}/seeds/${fuzzer})
   set_tests_properties(fuzz_${fuzzer} PROPERTIES LABELS fuzz FIXTURES_REQUIRED fuzz_seeds TIMEOUT 180
