@@ -70,7 +70,7 @@ int AudioEnc::write_packet(OutputStream* ost, AVPacket* packet) {
   av_packet_unref(packet);
   if (ret >= 0) return 1;
   MERU_LOG(2, "[write-packet] error while writing audio frame: ret=%d", ret);
-  return -3;
+  return kPacketRefused;
 }
 
 int AudioEnc::write_audio_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame) {

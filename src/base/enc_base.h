@@ -21,6 +21,9 @@ struct EncodeResult {
   bool got_packet = false;  ///< `packet` holds one
 };
 
+/// Result of writing a frame: the writer refused the packet.
+constexpr int kPacketRefused = -3;
+
 /// What the audio and the video encoder share.
 class EncBase {
  public:

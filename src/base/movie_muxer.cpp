@@ -28,6 +28,21 @@ std::array<const char*, 5> other_urls(const MovieInfo& info) {
   return urls;
 }
 
+bool has_further_live_output(const MovieInfo& info) {
+  const auto urls = other_urls(info);
+  const auto end = std::find(urls.begin(), urls.end(), nullptr);
+  return std::any_of(urls.begin(), end, &MR::isLiveStream);
+}
+
+/// Servers take H.264 and AAC, and get the main output's packets. So these are what it is given, if it can hold them.
+void prefer_live_codecs(AVOutputFormat* format) {
+  const auto holds = [format](AVCodecID codec) {
+    return avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1;
+  };
+  if (format->video_codec != AV_CODEC_ID_NONE && holds(AV_CODEC_ID_H264)) format->video_codec = AV_CODEC_ID_H264;
+  if (format->audio_codec != AV_CODEC_ID_NONE && holds(AV_CODEC_ID_AAC)) format->audio_codec = AV_CODEC_ID_AAC;
+}
+
 }  // namespace
 
 MovieBase::MovieBase(BaseWriter* writer) : m_writer(writer != nullptr ? writer : new BaseWriter) {}
@@ -142,7 +157,10 @@ void MovieMuxer::make_context(const MovieInfo& info) {
 
 void MovieMuxer::set_network_options(const MovieInfo& info) {
   const bool rtsp = MR::isRtspStream(info.url);
-  if (!rtsp && !MR::isRtmpStream(info.url)) return;
+  if (!rtsp && !MR::isRtmpStream(info.url)) {
+    if (has_further_live_output(info)) prefer_live_codecs(m_oformat->get());
+    return;
+  }
   m_oformat->get()->video_codec = AV_CODEC_ID_H264;
   m_oformat->get()->audio_codec = rtsp ? AV_CODEC_ID_OPUS : AV_CODEC_ID_AAC;
   if (rtsp) {
@@ -287,9 +305,15 @@ MovieInfo MovieMuxer::info_copy() const {
   return m_info;
 }
 
+/// A drain ends at the first packet that is refused. The main output may have failed, and the further ones still want
+/// the rest.
 void MovieMuxer::flushEncoder(AVFormatContext* oc) {
-  if (m_audio_enc != nullptr) m_audio_enc->write_audio_frame(oc, &m_audio_st, nullptr);
-  if (m_video_enc != nullptr) m_video_enc->write_video_frame(oc, &m_video_st, nullptr);
+  if (m_audio_enc != nullptr) {
+    while (m_audio_enc->write_audio_frame(oc, &m_audio_st, nullptr) == kPacketRefused) continue;
+  }
+  if (m_video_enc != nullptr) {
+    while (m_video_enc->write_video_frame(oc, &m_video_st, nullptr) == kPacketRefused) continue;
+  }
 }
 
 void MovieMuxer::close_stream(AVFormatContext* /*oc*/, OutputStream* ost) {

@@ -113,7 +113,7 @@ int VideoEnc::write_packet(OutputStream* ost, AVPacket* packet) {
   av_packet_unref(packet);
   if (ret >= 0) return 1;
   MERU_LOG(2, "[write-packet] error while writing video frame: ret=%d", ret);
-  return -3;
+  return kPacketRefused;
 }
 
 int VideoEnc::write_video_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame) {

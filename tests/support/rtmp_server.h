@@ -81,6 +81,7 @@ class RtmpServer {
            "error_log error.log info;\n"
            "events { worker_connections 64; }\n"
            "rtmp {\n"
+           "  access_log off;\n"
            "  server {\n"
            "    listen 127.0.0.1:" +
            m_port.text() +

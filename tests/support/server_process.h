@@ -109,9 +109,9 @@ class ServerProcess {
     return eventually([&] { return has_ended(); });
   }
   bool has_open(const std::string& path) {
-    if (has_ended()) return false;
     std::error_code error;
     const std::filesystem::path wanted = std::filesystem::canonical(path, error);
+    if (error || has_ended()) return false;
     std::filesystem::directory_iterator fd("/proc/" + std::to_string(m_pid) + "/fd", error);
     for (; !error && fd != std::filesystem::directory_iterator(); fd.increment(error)) {
       std::error_code closed_meanwhile;
