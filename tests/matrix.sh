@@ -31,22 +31,19 @@ mirror() {
 make_system() {  # RELEASE
   local root=$cache/$1
   if [ ! -e "$root/.complete" ]; then
-    rm -rf "$root"
+    rm -rf --one-file-system "$root"
     debootstrap --variant=minbase "$1" "$root" "$(mirror)" >"$results/debootstrap.log" ||
       { cat "$results/debootstrap.log"; return 1; }
     : >"$root/.complete"
   fi
-  cp /etc/resolv.conf "$root/etc/resolv.conf"
-  mount -t proc proc "$root/proc"
-  mount --rbind /dev "$root/dev"
+  cp /etc/resolv.conf /etc/hosts "$root/etc/" && mount -t proc proc "$root/proc" && mount --rbind /dev "$root/dev"
 }
 
 # The time stamps are kept: what has not changed is not built again.
 copy_tree() {  # RELEASE
   local root=$cache/$1/merulib
-  rm -rf "$root/tree"
-  mkdir -p "$root/tree" "$root/ccache"
-  git ls-files -z -co --exclude-standard |
+  rm -rf "$root/tree" && mkdir -p "$root/tree" "$root/ccache" || return 1
+  git -c safe.directory="$PWD" ls-files -z -co --exclude-standard |
     while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
     tar --null -T - -c | tar -x -C "$root/tree" --no-same-owner
 }
@@ -77,9 +74,8 @@ summary() {  # RELEASE LOG RUN
     "$passed" "$failed" "$skipped"
 }
 
-# test_on RELEASE RUN TREE BUILD: the presets need a newer CMake than the oldest release has; these are the variables of
-# the preset "dev".
-test_on() {
+# The presets need a newer CMake than the oldest release has; these are the variables of the preset "dev".
+test_on() {  # RELEASE RUN TREE BUILD
   local release=$1 run=$2 tree=$3 build=$4 log=$results/$1.log status=0
   step "$release: packages"
   "$run" "$release" "$tree/tools/deps.sh" test || status=1
@@ -102,8 +98,10 @@ step "the systems"
 tools/deps.sh matrix
 own=$(. /etc/os-release && echo "${VERSION_CODENAME:-$ID}")
 failed=0
+tested=("$own")
 for release in "${others[@]}"; do
   if [ "$release" = "$own" ]; then continue; fi
+  tested+=("$release")
   if make_system "$release" && copy_tree "$release"; then
     test_on "$release" inside /merulib/tree /merulib/build || failed=1
   else
@@ -114,5 +112,5 @@ done
 test_on "$own" here "$PWD" "$PWD/build/dev" || failed=1
 
 step "results"
-cat "$results"/*.line
+for release in "${tested[@]}"; do cat "$results/$release.line"; done
 exit "$failed"
