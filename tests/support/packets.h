@@ -7,7 +7,6 @@
 
 #include "common/ffmpeg_compat.h"
 #include "common/ffmpeg_handles.h"
-#include "support/temp_dir.h"
 
 extern "C" {
 #include <libavutil/mem.h>
@@ -92,15 +91,6 @@ class TestOutput {
 
   AVFormatContext* m_ctx = nullptr;
 };
-
-/// What FFmpeg says to these streams in a container that refuses them; its versions have different errors for it.
-inline std::string refusal(const char* format, Streams streams) {
-  const TempDir dir;
-  const TestOutput output(format, dir.file("refused"), streams);
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(avformat_write_header(output.get(), nullptr), text, sizeof(text));
-  return text;
-}
 
 /// What a demuxer finds in a file.
 struct ReadBack {
