@@ -41,7 +41,7 @@ describe() {  # MOVIE INDEX
 contact_sheet() {  # MOVIE PNG: 20 pictures, evenly from the whole movie
   local frames
   frames=$(probe -select_streams v -count_packets -show_entries stream=nb_read_packets "$1")
-  ffmpeg -nostdin -v error -y -i "$1" -vf "select='not(mod(n,ceil($frames/20)))',scale=320:-1,tile=5x4" -frames:v 1 "$2"
+  ffmpeg -nostdin -v error -y -i "$1" -vf "select='not(mod(n,ceil($frames/20)))',scale=320:-1,tile=5x4:padding=8:margin=8:color=white" -frames:v 1 "$2"
   echo "contact sheet: $2"
 }
 

@@ -2,6 +2,7 @@
  * the time stamps say when an image was seen and a sound heard.
  *   record_c FILE [SECONDS]
  */
+#include <stdatomic.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,9 +24,10 @@ enum {
 static uint8_t image[HEIGHT][WIDTH][4];
 static int16_t pcm[SAMPLES_PER_IMAGE];
 
+/* A failure while recording comes from a thread of the library. */
 static void on_status(int code, const char* text, void* user) {
   fprintf(stderr, "status %d: %s\n", code, text);
-  *(int*)user = code; /* safe here: the start is synchronous, and the file is looked at after MERU_stop only */
+  if (code != MERU_STATUS_OK) atomic_store((atomic_bool*)user, true);
 }
 
 static MovieInfo describe(const char* file) {
@@ -69,24 +71,30 @@ static void sound(int n) {
   }
 }
 
+/* Pushes image and sound by turns, until the time is over or the file fails. */
+static void record(void* session, int seconds, const atomic_bool* failed) {
+  for (int n = 0; n < seconds * FPS && !atomic_load(failed); ++n) {
+    const long long pts_usec = n * 1000000LL / FPS;
+    draw(n);
+    MERU_write_video_bgra(session, image, sizeof(image), pts_usec, WIDTH * 4);
+    sound(n);
+    MERU_write_audio_pcm(session, pcm, sizeof(pcm), pts_usec);
+  }
+}
+
 int main(int argc, char** argv) {
   const int seconds = argc > 2 ? atoi(argv[2]) : 3;
-  if (argc < 2 || seconds < 1) {
+  if (argc < 2 || seconds < 1 || strlen(argv[1]) >= sizeof(((MovieInfo*)0)->url)) {
     fprintf(stderr, "usage: %s FILE [SECONDS]\n", argv[0]);
     return 2;
   }
-  int code = -1; /* stays so when an encoder refuses its settings: that is not reported */
+  atomic_bool failed = false;
   const MovieInfo info = describe(argv[1]);
-  void* session = MERU_start(&info, on_status, &code, NULL, false);
-  if (code == MERU_STATUS_OK) {
-    for (int n = 0; n < seconds * FPS; ++n) {
-      const long long pts_usec = n * 1000000LL / FPS;
-      draw(n);
-      MERU_write_video_bgra(session, image, sizeof(image), pts_usec, WIDTH * 4);
-      sound(n);
-      MERU_write_audio_pcm(session, pcm, sizeof(pcm), pts_usec);
-    }
-  }
-  MERU_stop(&session);
-  return code == MERU_STATUS_OK ? 0 : 1;
+  MovieInfo used;
+  void* session = MERU_start(&info, on_status, &failed, NULL, false);
+  /* Asked, not told: an encoder that refuses its settings is not reported. */
+  const bool started = MERU_get_mInfo(session, &used);
+  if (started) record(session, seconds, &failed);
+  MERU_stop(&session); /* from here on nothing touches `failed` */
+  return started && !failed ? 0 : 1;
 }

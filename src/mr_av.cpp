@@ -54,7 +54,8 @@ void MERU_stop(void** handle) {
   }
   // The thread that is calling the host cannot wait for itself to end, so another one does.
   session->relay()->mute();
-  session->add_audio_filter(nullptr);  // the host's own: it may be gone before the rest is encoded
+  session->relay()->wait_until_quiet();  // but for this thread's own
+  session->add_audio_filter(nullptr);    // the host's own: it may be gone before the rest is encoded
   try {
     std::thread(&end, session).detach();
   } catch (const std::exception& e) {

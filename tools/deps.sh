@@ -9,12 +9,14 @@ packages=(
   g++ cmake ninja-build ccache pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libavfilter-dev libavdevice-dev libpostproc-dev
-  libcli11-dev nlohmann-json3-dev ffmpeg
+  libcli11-dev nlohmann-json3-dev ffmpeg help2man
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
+  doxygen
   clang-format clang-tidy clang binutils time
   nginx
+  python3 dpkg-dev file man-db
 )
 matrix_packages=(debootstrap git)
 # Not in every release. Before Debian 12 clang itself comes with its run-time library.

@@ -3,11 +3,12 @@
 #ifndef MERU_EXPORT_H
 #define MERU_EXPORT_H
 
-#define MERU_VERSION_MAJOR 1
-#define MERU_VERSION_MINOR 0
-#define MERU_VERSION_PATCH 0
-#define MERU_VERSION_STRING "1.0.0"
+#define MERU_VERSION_MAJOR 1         ///< changes when a host has to be built anew or changed
+#define MERU_VERSION_MINOR 0         ///< changes when something is added
+#define MERU_VERSION_PATCH 0         ///< changes when something is mended
+#define MERU_VERSION_STRING "1.0.0"  ///< the three numbers, with dots between
 
+/// Makes a symbol leave the library.
 #if defined(__GNUC__) || defined(__clang__)
 #define MERU_EXPORT __attribute__((visibility("default")))
 #else

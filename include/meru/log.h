@@ -31,6 +31,7 @@ enum NuvLogLevel : int {
 /// The process-wide logger. Thread-safe, but for `m_callback`, which is to be set before the first recording starts.
 class MERU_EXPORT Logger {
  public:
+  /// Receives a message: its tag, its level, source file and line, and its text, valid during the call only.
   using Callback = std::function<void(const char* tag, int level, const char* file, int line, const char* msg)>;
 
   Logger() = default;
@@ -48,7 +49,7 @@ class MERU_EXPORT Logger {
   void redirect(FILE* fp);
 
   /// Writes one message, printf-style. `level` is clamped to 0..6; without a callback a level above the threshold
-  /// returns at once. "%I64d" in `fmt` prints a 64-bit integer on every platform. No line feed is added.
+  /// returns at once. `%I64d` in `fmt` prints a 64-bit integer on every platform. No line feed is added.
   void write(const char* tag, int level, const char* file, int line, const char* fmt, ...);
 
   /// As write(), with the arguments as a list. With a callback: hands it the message alone, cut to 510 characters,

@@ -121,7 +121,7 @@ struct MovieInfo_ {
   MERU_EXPORT bool hasRtmpStream() const;
 #endif
 };
-typedef struct MovieInfo_ MovieInfo;
+typedef struct MovieInfo_ MovieInfo;  ///< the name that hosts use
 
 /// Reports how a recording fares. Called on threads of the library, never after MERU_stop has returned.
 ///

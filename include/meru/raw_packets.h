@@ -48,7 +48,7 @@ struct MovieInfo2 {
   const char* video_format;   ///< FFmpeg's name of the video packets' format, "h264"; null or empty = no video
   const char* audio_format;   ///< FFmpeg's name of the audio packets' format, "aac"; null or empty = no audio
 };
-typedef struct MovieInfo2 MovieInfo2;
+typedef struct MovieInfo2 MovieInfo2;  ///< for hosts in C
 
 #ifdef __cplusplus
 

@@ -92,6 +92,7 @@ MERU_API int MERU_write_video_bgra(void* session, void* bgra, int nbytes, long l
 
 /// Records samples: interleaved PCM of `channels`, `sample_fmt` and `sample_rate_src`.
 ///
+/// @param session   handle from MERU_start; null is allowed and does nothing
 /// @param pcm       the samples, the caller's again afterwards; null fills the time from the last samples to `pts_usec`
 ///                  with silence
 /// @param nbytes    size in bytes; an incomplete sample at the end is ignored
@@ -102,11 +103,15 @@ MERU_API int MERU_write_video_bgra(void* session, void* bgra, int nbytes, long l
 MERU_API int MERU_write_audio_pcm(void* session, void* pcm, int nbytes, long long pts_usec);
 
 /// Records an image that is an FFmpeg frame of `width_src` by `height_src` pixels in `pix_fmt_src`.
-/// @param frame  stays the caller's; its `pts` (in `tb`) is overwritten; its pixels are not
+/// @param session  handle from MERU_start; null is allowed and does nothing
+/// @param frame    stays the caller's; its `pts` is overwritten; its pixels are not. Null is refused
+/// @param tb       time base of the frame's `pts`
 /// @return as MERU_write_video_bgra
 MERU_API int MERU_write_video_frame(void* session, AVFrame* frame, const AVRational& tb);
 /// Records samples that are an FFmpeg frame of `channels`, `sample_fmt` and `sample_rate_src`.
-/// @param frame  stays the caller's; its `pts` (in `tb`) is overwritten
+/// @param session  handle from MERU_start; null is allowed and does nothing
+/// @param frame    stays the caller's; its `pts` is overwritten. Null is refused
+/// @param tb       time base of the frame's `pts`
 /// @return as MERU_write_audio_pcm
 MERU_API int MERU_write_audio_frame(void* session, AVFrame* frame, const AVRational& tb);
 

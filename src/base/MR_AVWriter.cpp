@@ -16,13 +16,6 @@ constexpr int kExtraCachePerOutput = 3;
 constexpr int kErrorTextSize = 512;
 constexpr int64_t kOpeningSec = 10;
 
-/// The container for a further output's address, or null.
-const AVOutputFormat* format_for(const char* url) {
-  if (isRtmpStream(url)) return av_guess_format("flv", url, nullptr);
-  const AVOutputFormat* format = av_guess_format(nullptr, url, nullptr);
-  return format == nullptr && isRtspStream(url) ? av_guess_format("rtsp", url, nullptr) : format;
-}
-
 /// The time base that the encoder worked in: the muxer of `src` may have replaced it in the stream.
 AVRational encoder_time_base(const AVStream* st) {
   const AVCodecParameters* par = st->codecpar;
@@ -121,6 +114,7 @@ int MR_AVWriter::open(AVFormatContext* s, const char* metainfo) {
   if (further && m_live) m_interrupt.limit_opening(std::max<int64_t>(m_timeout_sec, kOpeningSec) * 1000000);
   AVFormatContext* ctx = prepare_fmt_ctx(s);
   const int result = ctx != nullptr ? BaseWriter::writeHeader(ctx, metainfo) : -1;
+  m_needs_trailer = result >= 0;
   if (result >= 0) log_open_output(m_number, ctx->url);
   if (result < 0 && ctx != nullptr) log_failure(ctx->url, result);
   if (result < 0 && further) close_clone();
@@ -128,11 +122,12 @@ int MR_AVWriter::open(AVFormatContext* s, const char* metainfo) {
   return result;
 }
 
-/// One line for each output that fails. Nothing is said of a start that is broken off because it was stopped; I/O that
-/// was broken off because it took too long fails with various errors, of which none says so.
+/// I/O that was broken off because it took too long fails with various errors, of which none says so.
+int MR_AVWriter::understood(int error) const { return m_io->too_late() ? AVERROR(ETIMEDOUT) : error; }
+
+/// One line for each output that fails. Nothing is said of a start that is broken off because it was stopped.
 void MR_AVWriter::log_failure(const char* url, int error) const {
-  if (m_interrupt.start_given_up()) return;
-  log_failed_output(m_number, url, m_interrupt.too_late() ? AVERROR(ETIMEDOUT) : error);
+  if (!m_io->start_given_up()) log_failed_output(m_number, url, understood(error));
 }
 
 int MR_AVWriter::enqueue(const AVStream* st, AVPacket* pkt, bool flag) {
@@ -188,19 +183,19 @@ int MR_AVWriter::write_queued() {
     if (m_fmt_ctx == nullptr) return -1;
     if (PacketQueue::is_tailer(&pkt)) {
       int ret = tail.push_out();
-      if (ret >= 0) ret = av_interleaved_write_frame(m_fmt_ctx, nullptr);
+      if (ret >= 0) ret = write_frame(nullptr);
       if (ret < 0) return ret;
       MERU_LOG(2, "******* get tailer-pkt ****");
       break;
     }
     meru_compat::complete_duration(m_fmt_ctx->streams[pkt.stream_index], &pkt);
     tail.note(&pkt);
-    const int ret = av_interleaved_write_frame(m_fmt_ctx, &pkt);
+    const int ret = write_frame(&pkt);
     av_packet_unref(&pkt);
     if (ret < 0) return ret;
   }
   MERU_LOG(2, "*** write tailer pkt.");
-  const int ret = av_write_trailer(m_fmt_ctx);
+  const int ret = write_trailer();
   if (ret < 0) {
     MERU_LOG(2, "*** write tailer pkt failed...");
     return ret;
@@ -209,13 +204,38 @@ int MR_AVWriter::write_queued() {
   return 0;
 }
 
+/// Writes one packet; null writes what waits to be interleaved. RTSP says of no packet that it could not be sent, so
+/// what has been broken off is looked at as well.
+int MR_AVWriter::write_frame(AVPacket* pkt) {
+  m_io->limit_io(m_live ? static_cast<int64_t>(m_timeout_sec) * 1000000 : 0);
+  const int ret = av_interleaved_write_frame(m_fmt_ctx, pkt);
+  return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
+}
+
+int MR_AVWriter::write_trailer() {
+  m_needs_trailer = false;
+  m_io->limit_io(0);
+  const int ret = av_write_trailer(m_fmt_ctx);
+  return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
+}
+
+/// Nothing more is waited for on an output that has failed.
 void MR_AVWriter::fail(int error) {
+  error = understood(error);
   m_queue->abort();
   char text[kErrorTextSize] = {};
   av_strerror(error, text, sizeof(text));
   MERU_LOG(2, "[Write Pkt Err] (cache=%d, max=%d), err=%d, errmsg=%s", cachedNPackets(), m_max_cache, error, text);
   if (m_fmt_ctx != nullptr) log_failure(m_fmt_ctx->url, error);
-  if (m_status_cb != nullptr && !m_interrupt.start_given_up()) m_status_cb(error, text, m_status_user);
+  if (m_live) m_io->limit(0);
+  if (m_status_cb != nullptr && !m_io->start_given_up()) m_status_cb(error, text, m_status_user);
+}
+
+/// The muxer of an output without I/O of its own has a connection open, which only the trailer closes.
+void MR_AVWriter::release_connection() {
+  const bool open = m_needs_trailer && (m_fmt_ctx->oformat->flags & AVFMT_NOFILE) != 0;
+  m_needs_trailer = false;
+  if (open) av_write_trailer(m_fmt_ctx);
 }
 
 void MR_AVWriter::stop() {
@@ -224,6 +244,7 @@ void MR_AVWriter::stop() {
   }
   MR_AVWriter::writeTailer();  // by name: the destructor comes through here too
   join();
+  release_connection();
   if (m_prev_writer != nullptr) close_clone();
   if (m_next_writer != nullptr) m_next_writer->stop();
 }
@@ -243,7 +264,7 @@ void MR_AVWriter::close_clone() {
 }
 
 int MR_AVWriter::make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out) {
-  const AVOutputFormat* format = format_for(url);
+  const AVOutputFormat* format = further_format(url);
   if (format == nullptr) {
     if (isRtmpStream(url)) return -1;
     fprintf(stderr, "Could not create output context...\n");

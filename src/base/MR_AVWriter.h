@@ -72,12 +72,16 @@ class MR_AVWriter : public BaseWriter {
 
   int make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out);
   int open(AVFormatContext* s, const char* metainfo);
+  int understood(int error) const;
   void log_failure(const char* url, int error) const;
   int enqueue(const AVStream* st, AVPacket* pkt, bool flag);
   void running();
   int write_queued();
+  int write_frame(AVPacket* pkt);
+  int write_trailer();
   void fail(int error);
   void join();
+  void release_connection();
   void close_clone();
   [[noreturn]] static void throw_exited(const char* log_text);
 
@@ -86,6 +90,8 @@ class MR_AVWriter : public BaseWriter {
   int m_max_cache;
   int m_extra_cache;
   std::atomic<bool> m_tailer_done{false};
+  bool m_needs_trailer =
+      false;          // the header is written; of the starting thread, then of the writing one, then of stop()
   std::string m_url;  // address of a further output, empty for the main writer
   int m_number = 0;   // place of a further output in the chain, 0 for the main writer
   std::atomic<bool> m_exited{false};

@@ -44,6 +44,7 @@ class BaseWriter {
   bool m_live = false;                   ///< the output is a live stream: it gets a bounded time at the end
   int m_timeout_sec = 0;                 ///< bounds each network read and write; 0 = no bound
   IoInterrupt m_interrupt;               ///< breaks off this output's blocking network calls
+  IoInterrupt* m_io = &m_interrupt;  ///< what does so: its owner's, when that opened the output before this was made
 };
 
 /// As BaseWriter::write_metainfo, cutting up the caller's own text and without the heading line. Always true.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <iterator>
 #include <thread>
 
@@ -37,7 +38,9 @@ bool has_further_live_output(const MovieInfo& info) {
 /// Servers take H.264 and AAC, and get the main output's packets. So these are what it is given, if it can hold them.
 void prefer_live_codecs(AVOutputFormat* format) {
   const auto holds = [format](AVCodecID codec) {
-    return avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1;
+    // Of MPEG-TS it is not known, for lack of a table.
+    const int known = avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL);
+    return known == 1 || (known < 0 && strcmp(format->name, "mpegts") == 0);
   };
   if (format->video_codec != AV_CODEC_ID_NONE && holds(AV_CODEC_ID_H264)) format->video_codec = AV_CODEC_ID_H264;
   if (format->audio_codec != AV_CODEC_ID_NONE && holds(AV_CODEC_ID_AAC)) format->audio_codec = AV_CODEC_ID_AAC;

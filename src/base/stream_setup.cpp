@@ -7,6 +7,7 @@
 #include "base/hardware_enc.h"
 #include "base/movie_muxer.h"
 #include "base/presets.h"
+#include "base/stream_url.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
 #include "common/printf_i64.h"
@@ -187,6 +188,18 @@ void set_up_audio(OutputStream* ost, const AVCodec* codec, MovieInfo* info) {
   enc->time_base = ost->st->time_base = {1, enc->sample_rate};
 }
 
+/// The further outputs get the same packets: what one of them needs to be described by must be there from the
+/// beginning.
+bool wants_global_header(const AVFormatContext* oc, const MovieInfo& info) {
+  if ((oc->oformat->flags & AVFMT_GLOBALHEADER) != 0) return true;
+  for (const char* url : info.other_urls) {
+    if (url == nullptr) break;
+    const AVOutputFormat* format = MR::further_format(url);
+    if (format != nullptr && (format->flags & AVFMT_GLOBALHEADER) != 0) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 void MovieMuxer::add_stream(OutputStream* ost, AVFormatContext* oc, const AVCodec** codec, AVCodecID codec_id,
@@ -207,7 +220,7 @@ void MovieMuxer::add_stream(OutputStream* ost, AVFormatContext* oc, const AVCode
 
   if (choice.codec->type == AVMEDIA_TYPE_VIDEO) set_up_video(ost, choice, info);
   if (choice.codec->type == AVMEDIA_TYPE_AUDIO) set_up_audio(ost, choice.codec, info);
-  if ((oc->oformat->flags & AVFMT_GLOBALHEADER) != 0) ost->enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  if (wants_global_header(oc, *info)) ost->enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   fastRealTime(ost->enc.get(), static_cast<Quality_Level>(info->preset), static_cast<Profile_Level>(info->profile),
                static_cast<Tune_Level>(info->tune));
 }

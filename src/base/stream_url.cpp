@@ -1,5 +1,7 @@
 #include "base/stream_url.h"
 
+#include <strings.h>
+
 #include <cstdint>
 #include <cstring>
 
@@ -31,26 +33,35 @@ void hide_password(std::string* url) {
   url->replace(colon + 1, at - colon - 1, kHidden);
 }
 
-/// Whatever follows the key, a token or the options behind a space, goes with it: it may hold slashes and secrets.
+/// Whatever follows the key, a slash, a token or the options behind a space, goes with it: it may hold secrets.
 void hide_key(std::string* url) {
   const size_t begin = url->find("://") + 3;
-  const size_t slash = url->rfind('/', url->find_first_of("? ", begin));
-  if (slash != std::string::npos && slash >= begin && slash + 1 < url->size()) {
-    url->replace(slash + 1, std::string::npos, kHidden);
-  }
+  const size_t last = url->find_last_not_of('/', url->find_first_of("? ", begin) - 1);
+  const size_t slash = url->rfind('/', last);
+  const size_t path = url->find('/', begin);
+  if (slash == std::string::npos || slash < begin) return;
+  // An application alone, "rtmp://host/app/", has no key yet.
+  if (slash == path && last + 1 < url->size() && (*url)[last + 1] == '/') return;
+  url->replace(slash + 1, std::string::npos, kHidden);
 }
 
 /// RTMP and its kin: over TLS, over HTTP.
 bool has_key(const char* url) {
   for (const char* scheme : {"rtmp://", "rtmps://", "rtmpt://", "rtmpts://", "rtmpe://", "rtmpte://"}) {
-    if (starts_with(url, scheme)) return true;
+    if (strncasecmp(url, scheme, strlen(scheme)) == 0) return true;
   }
   return false;
 }
 
+/// A line of the log has 510 characters, and the reason comes behind the address.
+std::string shortened(const std::string& url) {
+  constexpr size_t kMost = 240, kEnd = 160;
+  return url.size() <= kMost ? url : url.substr(0, kMost - kEnd) + "..." + url.substr(url.size() - kEnd);
+}
+
 std::string output_name(int number, const char* url) {
   const std::string place = number > 0 ? "further output " + std::to_string(number) : "main output";
-  return place + " (" + public_url(url) + ")";
+  return place + " (" + shortened(public_url(url)) + ")";
 }
 
 }  // namespace
@@ -58,6 +69,13 @@ std::string output_name(int number, const char* url) {
 bool isRtmpStream(const char* url) { return starts_with(url, "rtmp://"); }
 bool isRtspStream(const char* url) { return starts_with(url, "rtsp://"); }
 bool isLiveStream(const char* url) { return isRtmpStream(url) || isRtspStream(url); }
+
+const AVOutputFormat* further_format(const char* url) {
+  if (isRtmpStream(url)) return av_guess_format("flv", url, nullptr);
+  // Whatever the path ends in: no other format has a connection to send over.
+  if (isRtspStream(url)) return av_guess_format("rtsp", url, nullptr);
+  return av_guess_format(nullptr, url, nullptr);
+}
 
 std::string public_url(const char* url) {
   std::string text(url);

@@ -14,6 +14,9 @@ bool isRtspStream(const char* url);
 /// @return whether `url` is an address of a live stream rather than a file
 bool isLiveStream(const char* url);
 
+/// @return the container for a further output's address, or null
+const AVOutputFormat* further_format(const char* url);
+
 /// @return `url` fit for a log: the last path element of an RTMP address, a secret key, and a password become "***"
 std::string public_url(const char* url);
 

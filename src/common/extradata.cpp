@@ -1,13 +1,13 @@
 #include "common/extradata.h"
 
+#include <algorithm>
 #include <array>
-#include <cstring>
 
 int set_extradata(AVCodecParameters* par, const std::string& bytes) {
   if (bytes.empty()) return 0;
   auto* copy = static_cast<uint8_t*>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
   if (copy == nullptr) return AVERROR(ENOMEM);
-  memcpy(copy, bytes.data(), bytes.size());
+  std::copy(bytes.begin(), bytes.end(), copy);
   av_freep(&par->extradata);
   par->extradata = copy;
   par->extradata_size = static_cast<int>(bytes.size());

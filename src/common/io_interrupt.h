@@ -26,7 +26,7 @@ class IoInterrupt {
   void begin_start(StopFlag stop);
   /// The start has succeeded: the stop flag no longer breaks off I/O, so that pending packets are still delivered.
   void start_over() { m_starting = false; }
-  /// Breaks off everything that still blocks `usec` microseconds from now.
+  /// Breaks off everything that still blocks `usec` microseconds from now. A limit can only be brought forward.
   void limit(int64_t usec);
   /// The same for the opening of the output alone, until opening_over().
   void limit_opening(int64_t usec);
@@ -34,6 +34,11 @@ class IoInterrupt {
 
   /// @return whether the start was told to stop before it was over, so that errors of its I/O mean nothing.
   bool start_given_up() const { return m_starting && *m_stop; }
+
+  /// Limits one piece of I/O, such as the writing of a packet, until io_over(); 0: no limit.
+  void limit_io(int64_t usec);
+  /// @return whether a limit has broken off the I/O since limit_io(). Some of FFmpeg's muxers do not say so themselves.
+  bool io_over();
 
   /// @return whether a limit has passed
   bool too_late() const;
@@ -48,4 +53,6 @@ class IoInterrupt {
   std::atomic<bool> m_starting{false};
   std::atomic<int64_t> m_deadline{0};  // on the steady clock in microseconds, 0 = none
   std::atomic<int64_t> m_opening_deadline{0};
+  std::atomic<int64_t> m_io_deadline{0};
+  mutable std::atomic<bool> m_broken_off{false};
 };

@@ -180,6 +180,7 @@ nuv::Expected_<AVFormatContext*> AVPacketMux::make_output() {
   FormatContextPtr ctx(made);
   if (ret >= 0) ret = open_io(ctx.get());
   if (ret >= 0) return result.set_value(ctx.release());
+  if (m_interrupt.too_late()) ret = AVERROR(ETIMEDOUT);
   MR::log_failed_output(0, m_info.url, ret);
   return result.set_error(ret, "could not open output url '%s': %s", m_info.url, AvError(ret).text);
 }
@@ -255,6 +256,8 @@ void AVPacketMux::make_writer() {
     static_cast<StatusRelay*>(relay)->report(id, text);
   };
   writer->m_status_user = m_relay.get();
+  writer->m_live = m_network;
+  writer->m_io = &m_interrupt;
   writer->m_timeout_sec = kLiveTimeoutSec;
   writer->create_other_writers(urls.data());
   const std::lock_guard<std::mutex> lock(m_mutex);
@@ -354,7 +357,7 @@ void AVPacketMux::end(AVPacketMux* session) {
   const bool inside = session->m_relay->inside_callback();
   if (inside || !session->wait_for_worker()) {
     session->m_relay->mute();
-    if (!inside) session->m_relay->wait_until_quiet();
+    session->m_relay->wait_until_quiet();  // but for this thread's own
     if (session->leave_to_worker()) return;
   }
   if (session->m_thread != nullptr) session->m_thread->join();

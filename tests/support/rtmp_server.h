@@ -6,8 +6,11 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <regex>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "support/eventually.h"
 #include "support/run_command.h"
@@ -74,39 +77,40 @@ class RtmpServer {
   /// One process, so that a signal reaches all of the server. The largest message has to take a picture of noise.
   /// No receipts: one that meets a publisher which has just gone makes the system drop what the server has yet to read.
   std::string configuration() const {
-    return "load_module " + modules() + "/ngx_rtmp_module.so;\n" + (geteuid() == 0 ? "user root;\n" : "") +
-           "daemon off;\n"
-           "master_process off;\n"
-           "pid nginx.pid;\n"
-           "error_log error.log info;\n"
-           "events { worker_connections 64; }\n"
-           "rtmp {\n"
-           "  access_log off;\n"
-           "  server {\n"
-           "    listen 127.0.0.1:" +
-           m_port.text() +
-           ";\n"
-           "    max_message 64M;\n"
-           "    ack_window 1000000000;\n"
-           "    application live { live on; record all; record_path \"" +
-           m_folder +
-           "/recorded\"; record_suffix .flv; }\n"
-           "    application refusing { live on; on_publish http://127.0.0.1:" +
-           m_http_port.text() +
-           "/; }\n"
-           "  }\n"
-           "}\n"
-           "http {\n"
-           "  access_log off;\n"
-           "  client_body_temp_path body;\n"
-           "  proxy_temp_path proxy;\n"
-           "  fastcgi_temp_path fastcgi;\n"
-           "  uwsgi_temp_path uwsgi;\n"
-           "  scgi_temp_path scgi;\n"
-           "  server { listen 127.0.0.1:" +
-           m_http_port.text() +
-           "; return 403; }\n"
-           "}\n";
+    std::string text = R"(load_module MODULES/ngx_rtmp_module.so;
+USER
+daemon off;
+master_process off;
+pid nginx.pid;
+error_log error.log info;
+events { worker_connections 64; }
+rtmp {
+  access_log off;
+  server {
+    listen 127.0.0.1:RTMP_PORT;
+    max_message 64M;
+    ack_window 1000000000;
+    application live { live on; record all; record_path "FOLDER/recorded"; record_suffix .flv; }
+    application refusing { live on; on_publish http://127.0.0.1:HTTP_PORT/; }
+  }
+}
+http {
+  access_log off;
+  client_body_temp_path body;
+  proxy_temp_path proxy;
+  fastcgi_temp_path fastcgi;
+  uwsgi_temp_path uwsgi;
+  scgi_temp_path scgi;
+  server { listen 127.0.0.1:HTTP_PORT; return 403; }
+}
+)";
+    const std::pair<const char*, std::string> values[] = {{"MODULES", modules()},
+                                                          {"USER", geteuid() == 0 ? "user root;" : ""},
+                                                          {"RTMP_PORT", m_port.text()},
+                                                          {"HTTP_PORT", m_http_port.text()},
+                                                          {"FOLDER", m_folder}};
+    for (const auto& [name, value] : values) text = std::regex_replace(text, std::regex(name), value);
+    return text;
   }
 
   ReservedPort m_port, m_http_port;

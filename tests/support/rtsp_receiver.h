@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/eventually.h"
@@ -20,7 +21,7 @@ namespace meru_test {
 class RtspReceiver {
  public:
   /// @param recorded  path of the recording, an MKV
-  explicit RtspReceiver(const std::string& recorded) : m_recorded(recorded) {
+  explicit RtspReceiver(std::string recorded) : m_recorded(std::move(recorded)) {
     m_process = std::make_unique<ServerProcess>(
         std::vector<std::string>{"ffmpeg", "-nostdin", "-v", "error", "-y", "-itsoffset", "10", "-rtsp_flags", "listen",
                                  "-i", url(), "-map", "0", "-c", "copy", "-copyts", m_recorded},

@@ -68,6 +68,7 @@ class ServerProcess {
   /// @param output  path of a file that takes what the server says
   ServerProcess(std::vector<std::string> arguments, const std::string& output) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     const pid_t parent = getpid();
@@ -82,27 +83,18 @@ class ServerProcess {
 
   /// Kills it and waits until it has gone.
   void kill() {
-    if (m_pid < 0) return;
-    ::kill(m_pid, SIGKILL);
-    int status = 0;
-    waitpid(m_pid, &status, 0);
-    m_pid = -1;
+    send(SIGKILL);
+    wait(0);
   }
   /// Stops it where it is, and waits until it stands still.
   void suspend() {
-    if (m_pid < 0) return;
-    ::kill(m_pid, SIGSTOP);
-    int status = 0;
-    waitpid(m_pid, &status, WUNTRACED);
-    if (!WIFSTOPPED(status)) m_pid = -1;
+    send(SIGSTOP);
+    wait(WUNTRACED);
   }
-  void resume() {
-    if (m_pid >= 0) ::kill(m_pid, SIGCONT);
-  }
+  void resume() { send(SIGCONT); }
   /// Whether it has gone, by itself or killed.
   bool has_ended() {
-    int status = 0;
-    if (m_pid >= 0 && waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
+    wait(WNOHANG);
     return m_pid < 0;
   }
   bool ends() {
@@ -121,6 +113,16 @@ class ServerProcess {
   }
 
  private:
+  /// The number is looked at once: -1 would reach every process of the machine.
+  void send(int signal_number) const {
+    if (const pid_t pid = m_pid; pid > 0) ::kill(pid, signal_number);
+  }
+  /// Forgets the process when it has gone; from then on its number may be another's.
+  void wait(int options) {
+    const pid_t pid = m_pid;
+    int status = 0;
+    if (pid > 0 && waitpid(pid, &status, options) == pid && !WIFSTOPPED(status)) m_pid = -1;
+  }
   [[noreturn]] static void run(char* const* argv, const char* output, pid_t parent) {
     constexpr int kMostFds = 1024;
     prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -70,6 +70,27 @@ TEST(IoInterruptTest, OpeningThatIsOverLeavesTheOtherLimit) {
   EXPECT_TRUE(interrupt.too_late());
 }
 
+TEST(IoInterruptTest, LimitCanOnlyBeBroughtForward) {
+  IoInterrupt interrupt;
+  interrupt.limit(0);
+  interrupt.limit(60000000);
+  EXPECT_TRUE(interrupt.too_late());
+}
+
+TEST(IoInterruptTest, WhatWasBrokenOffIsKnownAfterwards) {
+  IoInterrupt interrupt;
+  interrupt.limit_io(1);
+  while (!asks_to_break_off(interrupt)) continue;
+  EXPECT_TRUE(interrupt.io_over());
+  EXPECT_FALSE(asks_to_break_off(interrupt));
+  interrupt.limit_io(60000000);
+  EXPECT_FALSE(asks_to_break_off(interrupt));
+  EXPECT_FALSE(interrupt.io_over());
+  interrupt.limit_io(0);
+  EXPECT_FALSE(asks_to_break_off(interrupt));
+  EXPECT_FALSE(interrupt.io_over());
+}
+
 TEST(IoInterruptTest, LimitBreaksOffNoSoonerThanItSays) {
   using Clock = std::chrono::steady_clock;
   constexpr auto kLimit = std::chrono::milliseconds(20);

@@ -26,9 +26,11 @@ constexpr int kPrefixSize = 128;
 int open_nameless() {
   std::error_code error;
   std::string pattern = (std::filesystem::temp_directory_path(error) / "meru-XXXXXX").string();
-  const int fd = mkostemp(pattern.data(), O_CLOEXEC | O_APPEND);
+  const int fd = mkstemp(pattern.data());
   if (fd < 0) return open("/dev/null", O_RDWR | O_CLOEXEC);
   unlink(pattern.c_str());
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  fcntl(fd, F_SETFL, O_APPEND);
   return fd;
 }
 
@@ -102,7 +104,7 @@ std::vector<std::string> Diagnostics::lines() const {
 }
 
 std::string Diagnostics::last_failure() const {
-  const std::string of_main_output = output(0).failure;
+  std::string of_main_output = output(0).failure;
   if (!of_main_output.empty()) return of_main_output;
   const std::vector<std::string> all = lines();
   for (size_t i = all.size(); i-- > 0;) {

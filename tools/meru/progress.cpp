@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <regex>
 #include <utility>
 
 #include "console.h"
@@ -28,9 +29,10 @@ std::string time_text(double recorded) {
 }  // namespace
 
 std::string shown(const std::string& output) {
-  const bool is_rtmp = output.rfind("rtmp", 0) == 0 && output.find("://") != std::string::npos;
-  const size_t slash = output.rfind('/', output.find_first_of("? "));
-  return is_rtmp && slash > output.find("://") + 2 ? output.substr(0, slash + 1) + "***" : output;
+  constexpr auto kFlags = std::regex::ECMAScript | std::regex::icase;
+  static const std::regex password(R"(^(\w+://[^/:@]*:)[^/]*@)", kFlags);
+  static const std::regex key(R"(^(rtmp\w*://[^/? ]+/(?:[^? ]*/)?)[^/? ]+/*(?:[? ].*)?$)", kFlags);
+  return std::regex_replace(std::regex_replace(output, password, "$1***@"), key, "$1***");
 }
 
 Progress::Progress(std::string output, std::string shown, std::chrono::milliseconds interval)

@@ -15,7 +15,7 @@ struct Figures {
   std::string outputs;  ///< the state of each output, empty when there is nothing to tell
 };
 
-/// An address as messages show it: the last part of an RTMP address is a secret key.
+/// An address as messages show it, without secrets: the last part of an RTMP address, a key, and a password.
 std::string shown(const std::string& output);
 
 /// Tells how far the recording is: a line that is written over on a terminal, else a plain line every second.

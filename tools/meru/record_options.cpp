@@ -128,7 +128,7 @@ void add_running(CLI::App* cmd, RecordOptions* o) {
       ->group(group);
   cmd->add_option("--progress", o->progress_ms, "Milliseconds from one line of progress to the next (1000)")
       ->type_name("MS")
-      ->check(CLI::Range(1, 3600000))
+      ->check(CLI::Range(1, 3600000).description(""))
       ->group(group);
   cmd->add_option("--log", o->log, "Append the diagnostics of the library and of the encoders to this file")
       ->type_name("FILE")

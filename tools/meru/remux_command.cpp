@@ -37,7 +37,7 @@ CLI::App* add_remux_command(CLI::App* app, RemuxOptions* o) {
   cmd->add_option("--audio", o->audio, "AAC in ADTS")->type_name("FILE");
   cmd->add_option("--fps", o->fps, "Images per second of --video; what the stream says when not given, else 25")
       ->type_name("N")
-      ->check(CLI::Range(0.1, 1000.0));
+      ->check(CLI::Range(0.1, 1000.0).description(""));
   cmd->add_flag("--no-video", o->no_video, "Leave the movie's pictures out");
   cmd->add_flag("--no-audio", o->no_audio, "Leave the movie's sound out");
   cmd->add_option("-o,--output", o->output,
@@ -54,7 +54,7 @@ CLI::App* add_remux_command(CLI::App* app, RemuxOptions* o) {
   cmd->add_flag("--realtime", o->realtime, "Push at the pace of the clock, as a live source does");
   cmd->add_option("--progress", o->progress_ms, "Milliseconds from one line of progress to the next (1000)")
       ->type_name("MS")
-      ->check(CLI::Range(1, 3600000));
+      ->check(CLI::Range(1, 3600000).description(""));
   cmd->add_option("--log", o->log, "Append the diagnostics of the library to this file")->type_name("FILE");
   cmd->add_flag("--verbose", o->verbose, "Show the diagnostics, or write more of them to the log");
   return cmd;

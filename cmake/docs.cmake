@@ -1,0 +1,26 @@
+# The target `docs`: the manual of the public headers as HTML, in docs/html of the build folder. A warning is an error.
+find_package(Doxygen 1.9 QUIET)
+if(NOT DOXYGEN_FOUND)
+  add_custom_target(docs COMMAND ${CMAKE_COMMAND} -E echo "doxygen is not installed: tools/deps.sh test installs it"
+                    COMMAND ${CMAKE_COMMAND} -E false VERBATIM)
+  return()
+endif()
+
+set(DOXYGEN_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/docs)
+set(DOXYGEN_USE_MDFILE_AS_MAINPAGE ${PROJECT_SOURCE_DIR}/docs/mainpage.md)
+set(DOXYGEN_STRIP_FROM_PATH ${PROJECT_SOURCE_DIR}/include)
+set(DOXYGEN_STRIP_FROM_INC_PATH ${PROJECT_SOURCE_DIR}/include)
+set(DOXYGEN_ALIASES "threads=@par Threads^^")
+set(DOXYGEN_JAVADOC_AUTOBRIEF YES)
+set(DOXYGEN_ALWAYS_DETAILED_SEC YES)
+set(DOXYGEN_SORT_MEMBER_DOCS NO)
+set(DOXYGEN_GENERATE_LATEX NO)
+set(DOXYGEN_HAVE_DOT NO)
+set(DOXYGEN_QUIET YES)
+set(DOXYGEN_WARN_AS_ERROR FAIL_ON_WARNINGS)
+# What a C++ host sees. The declarations for C are the same functions with pointers in place of references.
+set(DOXYGEN_MACRO_EXPANSION YES)
+set(DOXYGEN_EXPAND_ONLY_PREDEF YES)
+set(DOXYGEN_PREDEFINED __cplusplus MERU_API= MERU_EXPORT=)
+set(DOXYGEN_EXCLUDE_SYMBOLS MERU_ASSERT_LAYOUT MERU_ASSERT_OFFSET)
+doxygen_add_docs(docs ${PROJECT_SOURCE_DIR}/include/meru ${PROJECT_SOURCE_DIR}/docs/mainpage.md)
