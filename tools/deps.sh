@@ -2,6 +2,7 @@
 # Installs the Debian packages that are missing. The one list of what MeruLib needs.
 #   tools/deps.sh build   to build the library, the command and the examples, and to look at what they record
 #   tools/deps.sh test    and to check, test and measure them
+#   tools/deps.sh matrix  and to test them on other Debian releases
 set -euo pipefail
 
 packages=(
@@ -13,27 +14,45 @@ packages=(
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   doxygen
-  clang-format clang-tidy clang libclang-rt-dev binutils time
-  nginx libnginx-mod-rtmp
+  clang-format clang-tidy clang binutils time
+  nginx
   python3 dpkg-dev file man-db
 )
+matrix_packages=(debootstrap git)
+# Not in every release. Before Debian 12 clang itself comes with its run-time library.
+where_there_is=(libclang-rt-dev libnginx-mod-rtmp)
+# Debian 11 lacks them. They are headers alone and need nothing else, so those of Debian 12 serve there.
+from_bookworm=()
+if [ "$(. /etc/os-release 2>/dev/null && echo "${VERSION_CODENAME:-}")" = bullseye ]; then from_bookworm=(libcli11-dev); fi
 
 case "${1:-}" in
-  build) ;;
+  build) where_there_is=() ;;
   test) packages+=("${test_packages[@]}") ;;
-  *) echo "usage: $0 build|test" >&2; exit 2 ;;
+  matrix) packages+=("${test_packages[@]}" "${matrix_packages[@]}") ;;
+  *) echo "usage: $0 build|test|matrix" >&2; exit 2 ;;
 esac
 
 if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
-  echo "Not a Debian system: nothing was installed. These packages, or their like, are needed: ${packages[*]}" >&2
+  echo "Not a Debian system: nothing was installed. These packages, or their like, are needed: ${packages[*]} ${where_there_is[*]}" >&2
   exit 0
 fi
 
-missing=()
+is_installed() { [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null || true)" = installed ]; }
+exists() { [ -n "$(apt-cache show --no-all-versions "$1" 2>/dev/null)" ]; }
+
+missing=() perhaps=()
 for package in "${packages[@]}"; do
-  status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
-  [ "$status" = installed ] || missing+=("$package")
+  is_installed "$package" || missing+=("$package")
 done
+for package in "${where_there_is[@]}"; do
+  is_installed "$package" || perhaps+=("$package")
+done
+# Only the release's lists of packages tell which of those exist; they are fetched below when anything else is missing.
+if [ ${#missing[@]} -eq 0 ]; then
+  for package in "${perhaps[@]}"; do
+    ! exists "$package" || missing+=("$package")
+  done
+fi
 [ ${#missing[@]} -gt 0 ] || exit 0
 
 as_root=(env)
@@ -57,7 +76,36 @@ else
   trap 'rm -f "$log"; "${as_root[@]}" rm -f "$policy"' EXIT
 fi
 apt() { "${as_root[@]}" DEBIAN_FRONTEND=noninteractive apt-get "$@" >"$log" 2>&1 </dev/null; }
-if ! { apt update && apt install -y --no-install-recommends "${missing[@]}"; }; then
+# The system's own list of sources stays as it is.
+install_from_bookworm() {
+  local own folder status=0
+  own=$(apt-get indextargets --format '$(LABEL) $(SITE)' 'Created-By: Packages' | sed -n 's/^Debian \(.*\)/\1/p' | head -n 1)
+  folder=$(mktemp -d)
+  mkdir "$folder/lists"
+  chmod 755 "$folder"  # apt fetches as a user of its own
+  echo "deb ${own:-http://deb.debian.org/debian} bookworm main" >"$folder/sources.list"
+  local options=(-o Dir::Etc::sourcelist="$folder/sources.list" -o Dir::Etc::sourceparts=-
+                 -o Dir::State::lists="$folder/lists")
+  apt "${options[@]}" update && apt "${options[@]}" install -y --no-install-recommends "$@" || status=1
+  "${as_root[@]}" rm -rf "$folder"
+  return "$status"
+}
+install_missing() {
+  local here=() there=() package
+  apt update || return 1
+  for package in "${perhaps[@]}"; do
+    if exists "$package"; then missing+=("$package"); else echo "Not in this release: $package"; fi
+  done
+  for package in "${missing[@]}"; do
+    case " ${from_bookworm[*]} " in
+      *" $package "*) there+=("$package") ;;
+      *) here+=("$package") ;;
+    esac
+  done
+  [ ${#here[@]} -eq 0 ] || apt install -y --no-install-recommends "${here[@]}" || return 1
+  [ ${#there[@]} -eq 0 ] || install_from_bookworm "${there[@]}"
+}
+if ! install_missing; then
   cat "$log" >&2
   echo "The packages could not be installed." >&2
   exit 1

@@ -188,6 +188,7 @@ int MR_AVWriter::write_queued() {
       MERU_LOG(2, "******* get tailer-pkt ****");
       break;
     }
+    meru_compat::complete_duration(m_fmt_ctx->streams[pkt.stream_index], &pkt);
     tail.note(&pkt);
     const int ret = write_frame(&pkt);
     av_packet_unref(&pkt);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <unordered_set>
 
 #include "common/ffmpeg_handles.h"
@@ -186,9 +187,18 @@ void init_packet(AVPacket* packet) {
 #endif
 }
 
+void complete_duration(const AVStream* st, AVPacket* packet) {
+  if (packet->duration != 0 || st->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) return;
+  if (st->avg_frame_rate.num <= 0 || st->avg_frame_rate.den <= 0) return;
+  packet->duration = av_rescale_q(1, av_inv_q(st->avg_frame_rate), st->time_base);
+}
+
 FILE* fopen_utf8(const char* path, const char* mode) {
 #if LIBAVUTIL_VERSION_INT < AV_VERSION_INT(57, 0, 100)
-  return av_fopen_utf8(path, mode);
+  // It refuses any letter but those of the standard that change something on every platform: "t" is not among them.
+  std::string known = mode;
+  known.erase(std::remove(known.begin(), known.end(), 't'), known.end());
+  return av_fopen_utf8(path, known.c_str());
 #else
   return fopen(path, mode);  // the platforms of the newer versions take UTF-8 paths as they are
 #endif

@@ -50,6 +50,9 @@ uint64_t choose_layout(const AVCodec* codec, uint64_t wanted);
 
 /// Makes a packet on the stack or in a block of memory empty, as av_packet_alloc would.
 void init_packet(AVPacket* packet);
+/// Gives a picture without a duration that of the stream's frame rate, when the stream names one. The muxers of the
+/// newer versions do so themselves; movies and side indexes are to be the same with the older ones.
+void complete_duration(const AVStream* st, AVPacket* packet);
 /// fopen for a UTF-8 path on every platform.
 FILE* fopen_utf8(const char* path, const char* mode);
 /// The muxer option that bounds the I/O of an RTSP connection, in microseconds.

@@ -57,7 +57,7 @@ double first_loud(const std::string& path, double rate) {
 
 /// Time of the first white picture.
 double first_white(const std::string& path, const MovieInfo& info) {
-  const auto pictures = decoded(path, "-map 0:v -fps_mode passthrough -pix_fmt gray -f rawvideo");
+  const auto pictures = decoded(path, "-map 0:v " + every_picture() + " -pix_fmt gray -f rawvideo");
   const auto packets = probe_packets(path, "v:0");
   const size_t size = static_cast<size_t>(info.width * info.height);
   for (size_t i = 0; i < packets.size() && (i + 1) * size <= pictures.size(); ++i) {

@@ -110,7 +110,7 @@ std::vector<FailureCase> output_failures() {
        -EISDIR, std::string(kOpenText) + "Is a directory", false},
       {"NobodyListens", [](MovieInfo2* m, const TempDir&) { set_text(m->url, "rtmp://127.0.0.1:1/live/key"); },
        -ECONNREFUSED, std::string(kOpenText) + "Connection refused", false},
-      {"MuxerOptionOutOfRange", [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "movie_timescale:0"); },
+      {"MuxerOptionOutOfRange", [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); },
        kHeader, kHeaderText, true},
       {"ContainerRefusesTheCodec", [](MovieInfo2* m, const TempDir& dir) { set_text(m->url, dir.file("movie.wav")); },
        kHeader, kHeaderText, true},
@@ -160,7 +160,7 @@ TEST(RawPacketsHeaderTest, RefusedHeaderIsFollowedByNothing) {
   const TempDir dir;
   const RawVideo video = make_video(dir);
   MovieInfo2 info = raw_movie(dir.file("movie.mp4"), true, false);
-  set_text(info.metadata, "movie_timescale:0");
+  set_text(info.metadata, "moov_size:-1");
   PacketHost host(info);
   for (const RawPacket& packet : video.packets) host.push_video(packet);
   ASSERT_TRUE(host.status().wait_for_code(kHeader));
@@ -220,7 +220,7 @@ INSTANTIATE_TEST_SUITE_P(
         BlockedCase{"UnknownVideoFormat", [](MovieInfo2* m, const TempDir&) { m->video_format = "nonsense"; }},
         BlockedCase{"UnknownAudioFormat", [](MovieInfo2* m, const TempDir&) { m->audio_format = "nonsense"; }},
         BlockedCase{"HeaderRefused",
-                    [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "movie_timescale:0"); }}),
+                    [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); }}),
     CaseName());
 
 TEST(RawPacketsFullDiskTest, IsReportedWithTheSystemsErrorAndReleasesTheHost) {

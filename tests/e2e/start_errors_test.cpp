@@ -62,7 +62,7 @@ std::vector<FailureCase> failures() {
        MERU_STATUS_OPEN_FAILED, kOpen},
       {"NobodyListens", [](MovieInfo* m, const TempDir&) { set_text(m->url, "rtmp://127.0.0.1:1/live/key"); },
        MERU_STATUS_OPEN_FAILED, kOpen},
-      {"MuxerOptionOutOfRange", [](MovieInfo* m, const TempDir&) { set_text(m->metadata, "movie_timescale:0"); },
+      {"MuxerOptionOutOfRange", [](MovieInfo* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); },
        MERU_STATUS_HEADER_FAILED, kHeader},
       {"NoStreams", [](MovieInfo* m, const TempDir&) { m->no_audio = m->no_video = true; }, MERU_STATUS_HEADER_FAILED,
        kHeader},

@@ -8,7 +8,8 @@ include(ExternalProject)
 
 set(MERU_FUZZ_COMPILER clang++ CACHE STRING "Compiler with libFuzzer")
 set(fuzz_dir ${PROJECT_BINARY_DIR}/fuzz)
-find_program(meru_clang ${MERU_FUZZ_COMPILER} NO_CACHE)
+find_program(meru_clang ${MERU_FUZZ_COMPILER})
+mark_as_advanced(meru_clang)
 if(meru_clang AND NOT DEFINED MERU_FUZZ_COMPILER_WORKS)
   # What misses is mostly the compiler's run-time library, a package of its own.
   file(WRITE ${fuzz_dir}/probe.cpp

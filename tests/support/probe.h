@@ -80,6 +80,13 @@ inline std::string decode_errors(const std::string& path) {
   return result.status == 0 ? result.output : result.output + "exit status " + std::to_string(result.status);
 }
 
+/// The arguments of the ffmpeg command that keep every picture and its stamp. Version 5.1 renamed the option, and
+/// announced that the old name will go.
+inline std::string every_picture() {
+  static const bool renamed = run_command("ffmpeg -hide_banner -h long").output.find("-fps_mode") != std::string::npos;
+  return renamed ? "-fps_mode passthrough" : "-vsync passthrough";
+}
+
 /// Everything that ffmpeg writes to its standard output for these arguments. Throws when it fails.
 inline std::string decoded(const std::string& path, const std::string& arguments) {
   const std::string errors = path + ".errors";

@@ -51,7 +51,7 @@ inline void expect_audio(const std::string& path, const RawPackets& pushed, doub
 inline size_t stream_count(const std::string& path) { return probe(path, "-show_streams").at("streams").size(); }
 
 inline std::string decoded_images(const std::string& path) {
-  return decoded(path, "-map 0:v -vsync passthrough -f rawvideo");
+  return decoded(path, "-map 0:v " + every_picture() + " -f rawvideo");
 }
 inline std::string decoded_samples(const std::string& path) { return decoded(path, "-map 0:a -f s16le"); }
 

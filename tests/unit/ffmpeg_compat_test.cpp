@@ -115,12 +115,50 @@ TEST(CompatPacketTest, EmptyPacketHasNoDataAndNoStamps) {
   EXPECT_EQ(packet.pos, -1);
 }
 
+struct DurationCase {
+  const char* name;
+  AVMediaType type;
+  AVRational frame_rate;
+  int64_t given, expected;
+};
+
+class CompleteDuration : public testing::TestWithParam<DurationCase> {};
+
+TEST_P(CompleteDuration, IsThatOfTheFrameRateWherePicturesHaveNone) {
+  const FormatContextPtr oc(avformat_alloc_context());
+  AVStream* st = avformat_new_stream(oc.get(), nullptr);
+  st->codecpar->codec_type = GetParam().type;
+  st->avg_frame_rate = GetParam().frame_rate;
+  st->time_base = {1, 12800};
+  AVPacket packet;
+  meru_compat::init_packet(&packet);
+  packet.duration = GetParam().given;
+  meru_compat::complete_duration(st, &packet);
+  EXPECT_EQ(packet.duration, GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Packets, CompleteDuration,
+                         testing::Values(DurationCase{"Picture", AVMEDIA_TYPE_VIDEO, {25, 1}, 0, 512},
+                                         DurationCase{"PictureThatHasOne", AVMEDIA_TYPE_VIDEO, {25, 1}, 700, 700},
+                                         DurationCase{"NoFrameRate", AVMEDIA_TYPE_VIDEO, {0, 1}, 0, 0},
+                                         DurationCase{"BadFrameRate", AVMEDIA_TYPE_VIDEO, {25, 0}, 0, 0},
+                                         DurationCase{"Sound", AVMEDIA_TYPE_AUDIO, {25, 1}, 0, 0}),
+                         meru_test::CaseName());
+
 TEST(CompatFileTest, Utf8PathIsOpened) {
   const meru_test::TempDir dir;
   const std::string path = dir.file("影片.idx");
   EXPECT_NE(FilePtr(meru_compat::fopen_utf8(path.c_str(), "w")), nullptr);
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(FilePtr(meru_compat::fopen_utf8(dir.file("none/a").c_str(), "w")), nullptr);
+}
+
+TEST(CompatFileTest, TextModesAreTaken) {
+  const meru_test::TempDir dir;
+  const std::string path = dir.file("a.idx");
+  for (const char* mode : {"wt", "rt", "at", "r+t"}) {
+    EXPECT_NE(FilePtr(meru_compat::fopen_utf8(path.c_str(), mode)), nullptr) << mode;
+  }
 }
 
 TEST(CompatRtspTest, TimeoutOptionExists) {

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "support/index_reader.h"
 #include "support/indexed_output.h"
@@ -213,14 +215,15 @@ TEST_F(SnapshotTest, RequestToFlushIsNotRecorded) {
 
 TEST(GlobalSnapshotsTest, KnowsTheLiveOnes) {
   GlobalSnapshots& all = GlobalSnapshots::instance();
-  const Snapshot* gone = nullptr;
+  // The optional's storage outlives what is in it, so that the address stays one to ask for.
+  std::optional<Snapshot> first(std::in_place);
+  const Snapshot* const gone = &*first;
   {
-    const Snapshot first;
     const Snapshot second;
-    gone = &first;
-    EXPECT_TRUE(all.have(&first));
+    EXPECT_TRUE(all.have(gone));
     EXPECT_TRUE(all.have(&second));
   }
+  first.reset();
   EXPECT_FALSE(all.have(gone));
   EXPECT_FALSE(all.have(nullptr));
 }

@@ -59,11 +59,11 @@ std::string list(const std::vector<T>& table) {
 }
 
 template <class T>
-const T& find(const std::vector<T>& table, const std::string& option, std::string_view name) {
+const T& find(const std::vector<T>& table, std::string_view option, std::string_view name) {
   for (const T& entry : table) {
     if (name == entry.name) return entry;
   }
-  throw UsageError(option + ": '" + std::string(name) + "' is not one of " + list(table));
+  throw UsageError(std::string(option) + ": '" + std::string(name) + "' is not one of " + list(table));
 }
 
 }  // namespace
@@ -82,7 +82,7 @@ size_t PixelFormat::image_bytes(int width, int height) const {
   return first + columns * rows * static_cast<size_t>(chroma_bytes);
 }
 
-const PixelFormat& pixel_format(const std::string& option, std::string_view name) {
+const PixelFormat& pixel_format(std::string_view option, std::string_view name) {
   return find(kPixelFormats, option, name);
 }
 
@@ -92,12 +92,12 @@ const PixelFormat& pixel_format_of(int value) {
 
 std::string pixel_format_names() { return list(kPixelFormats); }
 
-const SampleFormat& sample_format(const std::string& option, std::string_view name) {
+const SampleFormat& sample_format(std::string_view option, std::string_view name) {
   return find(kSampleFormats, option, name);
 }
 std::string sample_format_names() { return list(kSampleFormats); }
 
-const ColorSpace& color_space(const std::string& option, std::string_view name) {
+const ColorSpace& color_space(std::string_view option, std::string_view name) {
   return find(kColorSpaces, option, name);
 }
 std::string color_space_names() { return list(kColorSpaces); }

@@ -38,7 +38,7 @@ struct PixelFormat {
   size_t image_bytes(int width, int height) const;
 };
 
-const PixelFormat& pixel_format(const std::string& option, std::string_view name);
+const PixelFormat& pixel_format(std::string_view option, std::string_view name);
 /// The format of that number, which must be in the table.
 const PixelFormat& pixel_format_of(int value);
 std::string pixel_format_names();
@@ -50,7 +50,7 @@ struct SampleFormat {
   int bytes;
 };
 
-const SampleFormat& sample_format(const std::string& option, std::string_view name);
+const SampleFormat& sample_format(std::string_view option, std::string_view name);
 std::string sample_format_names();
 
 /// The colour description of a picture: matrix, primaries and transfer curve that belong together.
@@ -59,7 +59,7 @@ struct ColorSpace {
   int colorspace, primaries, trc;
 };
 
-const ColorSpace& color_space(const std::string& option, std::string_view name);
+const ColorSpace& color_space(std::string_view option, std::string_view name);
 std::string color_space_names();
 
 }  // namespace meru_tool
