@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/live_checks.h"
 #include "support/probe.h"
 #include "support/raw_checks.h"
 #include "support/raw_media.h"
@@ -32,7 +33,7 @@ TEST(RawPacketsRtspTest, ReceiverGetsPicturesAndSound) {
   ASSERT_TRUE(receiver.ended());
   EXPECT_EQ(hashes(receiver.recorded(), "v:0"), video_hashes(video.packets));
   EXPECT_EQ(hashes(receiver.recorded(), "a:0"), audio_hashes(audio.packets));
-  EXPECT_EQ(decode_errors(receiver.recorded()), "");
+  EXPECT_EQ(received_errors(receiver.recorded()), "");
 }
 
 TEST(RawPacketsRtspTest, FurtherOutputTakesSoundBesideAFile) {
@@ -51,7 +52,7 @@ TEST(RawPacketsRtspTest, FurtherOutputTakesSoundBesideAFile) {
     expect_success(host.status());
     ASSERT_TRUE(receiver.ended());
     EXPECT_EQ(hashes(receiver.recorded(), "a:0"), audio_hashes(audio.packets));
-    EXPECT_EQ(decode_errors(receiver.recorded()), "");
+    EXPECT_EQ(received_errors(receiver.recorded()), "");
     EXPECT_TRUE(decoded_samples(dir.file(name)) == decoded_samples(receiver.recorded()));
     EXPECT_EQ(decode_errors(dir.file(name)), "");
   }
