@@ -110,8 +110,8 @@ std::vector<FailureCase> output_failures() {
        -EISDIR, std::string(kOpenText) + "Is a directory", false},
       {"NobodyListens", [](MovieInfo2* m, const TempDir&) { set_text(m->url, "rtmp://127.0.0.1:1/live/key"); },
        -ECONNREFUSED, std::string(kOpenText) + "Connection refused", false},
-      {"MuxerOptionOutOfRange", [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); },
-       kHeader, kHeaderText, true},
+      {"MuxerOptionOutOfRange", [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); }, kHeader,
+       kHeaderText, true},
       {"ContainerRefusesTheCodec", [](MovieInfo2* m, const TempDir& dir) { set_text(m->url, dir.file("movie.wav")); },
        kHeader, kHeaderText, true},
       {"NoStreams", [](MovieInfo2* m, const TempDir&) { m->video_format = m->audio_format = nullptr; }, kHeader,
@@ -219,8 +219,7 @@ INSTANTIATE_TEST_SUITE_P(
         BlockedCase{"NoContainer", [](MovieInfo2* m, const TempDir& dir) { set_text(m->url, dir.file("no.thing")); }},
         BlockedCase{"UnknownVideoFormat", [](MovieInfo2* m, const TempDir&) { m->video_format = "nonsense"; }},
         BlockedCase{"UnknownAudioFormat", [](MovieInfo2* m, const TempDir&) { m->audio_format = "nonsense"; }},
-        BlockedCase{"HeaderRefused",
-                    [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); }}),
+        BlockedCase{"HeaderRefused", [](MovieInfo2* m, const TempDir&) { set_text(m->metadata, "moov_size:-1"); }}),
     CaseName());
 
 TEST(RawPacketsFullDiskTest, IsReportedWithTheSystemsErrorAndReleasesTheHost) {
