@@ -36,6 +36,15 @@ class RepairApiTest : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(Both, RepairApiTest, testing::Bool(),
                          [](const auto& test) { return test.param ? "Linked" : "Loaded"; });
 
+/// Whether a movie has got its index. One that is still being written has sizes that do not fit yet.
+bool is_complete(const std::string& path) {
+  try {
+    return Mp4Movie::find_box(file_text(path), "moov") != std::string::npos;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 TEST_P(RepairApiTest, SyncReturnsWhenTheMovieIsWhole) {
   testing::internal::CaptureStdout();
   ASSERT_TRUE(repair(movie.broken, movie.index, movie.output));
@@ -136,7 +145,7 @@ TEST_P(RepairApiTest, StopInsideTheCallbackEndsTheReports) {
   // It is noted when the callback ends, which may be after the movie's end.
   EXPECT_TRUE(eventually([&] { return !log.entries().empty(); }));
   // The movie is completed behind the callback; no further report comes.
-  EXPECT_TRUE(eventually([&] { return Mp4Movie::find_box(file_text(movie.output), "moov") != std::string::npos; }));
+  EXPECT_TRUE(eventually([&] { return is_complete(movie.output); }));
   EXPECT_EQ(log.entries().size(), 1U);
 }
 
