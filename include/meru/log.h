@@ -17,7 +17,7 @@
 
 namespace nuv {
 
-/// Levels of a message. The library itself uses 2 (failures), 4 (lifecycle) and 5 (detail).
+/// Levels of a message. The library itself uses 2 (failures, starts and stops), 4 (lifecycle) and 5 (detail).
 enum NuvLogLevel : int {
   LOG_NONE = 0,
   LOG_FATAL = 1,
@@ -74,7 +74,8 @@ class MERU_EXPORT Logger {
 MERU_API void MERU_Log_On(const char* path);
 /// Sends the log to `fp`, or to stderr when it is null. The stream stays the caller's.
 MERU_API void MERU_Log_On2(FILE* fp);
-/// Sets the threshold: 2 = failures only (the default), 4 = and lifecycle, 5 = and detail; negative = nothing.
+/// Sets the threshold: 2 = failures and a few lines of each start and stop (the default), 4 = and lifecycle, 5 = and
+/// detail; negative = nothing.
 MERU_API void MERU_Log_Level(int level);
 /// Sends the log to stdout. Neither closes a log file nor changes the level.
 MERU_API void MERU_Log_Off();
