@@ -39,13 +39,15 @@ make_system() {  # RELEASE
   cp /etc/resolv.conf /etc/hosts "$root/etc/" && mount -t proc proc "$root/proc" && mount --rbind /dev "$root/dev"
 }
 
-# The time stamps are kept: what has not changed is not built again.
+# Only what differs is written, so that what has not changed is not built again. Not by the files' own times: another
+# checkout's may be older than what was built of the last one.
 copy_tree() {  # RELEASE
   local root=$cache/$1/merulib
-  rm -rf "$root/tree" && mkdir -p "$root/tree" "$root/ccache" || return 1
+  rm -rf "$root/new" && mkdir -p "$root/new" "$root/tree" "$root/ccache" || return 1
   git -c safe.directory="$PWD" ls-files -z -co --exclude-standard |
     while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
-    tar --null -T - -c | tar -x -C "$root/tree" --no-same-owner
+    tar --null -T - -c | tar -x -C "$root/new" --no-same-owner || return 1
+  rsync -rlp --checksum --delete "$root/new/" "$root/tree/" && rm -rf "$root/new"
 }
 
 inside() {  # RELEASE COMMAND...

@@ -18,7 +18,7 @@ test_packages=(
   nginx
   python3 dpkg-dev file man-db
 )
-matrix_packages=(debootstrap git)
+matrix_packages=(debootstrap git rsync)
 # Not in every release. Before Debian 12 clang itself comes with its run-time library.
 where_there_is=(libclang-rt-dev libnginx-mod-rtmp)
 # Debian 11 lacks them. They are headers alone and need nothing else, so those of Debian 12 serve there.
