@@ -14,7 +14,7 @@ packages=(
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   doxygen
-  clang-format clang-tidy clang binutils time
+  clang-format clang-tidy clang cppcheck gcovr binutils time
   nginx
   python3 dpkg-dev file man-db
 )

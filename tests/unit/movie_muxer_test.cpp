@@ -294,7 +294,8 @@ TEST(MovieBaseTest, NullWriterIsReplacedByAPlainOne) {
   };
   const Probe base(nullptr);
   ASSERT_NE(base.m_writer, nullptr);
-  EXPECT_EQ(typeid(*base.m_writer.get()), typeid(BaseWriter));
+  const BaseWriter& writer = *base.m_writer;
+  EXPECT_EQ(typeid(writer), typeid(BaseWriter));
 }
 
 }  // namespace
