@@ -57,7 +57,7 @@ inline void expect_sound_in_step(const std::string& path, long long pushed, int 
 
 /// The checksums of the decoded pictures or samples ("v", "a"), one a line.
 inline std::string frame_hashes(const std::string& path, const std::string& stream) {
-  std::istringstream lines(decoded(path, "-map 0:" + stream + " -fps_mode passthrough -f framemd5"));
+  std::istringstream lines(decoded(path, "-map 0:" + stream + " " + every_picture() + " -f framemd5"));
   std::string hashes;
   for (std::string line; std::getline(lines, line);) {
     if (line.empty() || line[0] == '#') continue;
