@@ -25,14 +25,14 @@ inline size_t first_true_stamp() {
 /// The ffmpeg command as an RTSP server on a free port of 127.0.0.1, that takes one stream and records it as it is.
 ///
 /// The recorded stamps are those sent, counted from somewhere near 10 s; but for those of the first images, see
-/// first_true_stamp().
+/// first_true_stamp(). Sound is kept although version 7 takes its packets for what only a key frame could begin.
 class RtspReceiver {
  public:
   /// @param recorded  path of the recording, an MKV
   explicit RtspReceiver(std::string recorded) : m_recorded(std::move(recorded)) {
     m_process = std::make_unique<ServerProcess>(
         std::vector<std::string>{"ffmpeg", "-nostdin", "-v", "error", "-y", "-itsoffset", "10", "-rtsp_flags", "listen",
-                                 "-i", url(), "-map", "0", "-c", "copy", "-copyts", m_recorded},
+                                 "-i", url(), "-map", "0", "-c", "copy", "-copyinkf", "-copyts", m_recorded},
         output());
     const bool settled = eventually([&] { return m_port.has_listener() || m_process->has_ended(); });
     if (!settled || m_process->has_ended()) throw std::runtime_error("ffmpeg does not listen: " + said());
