@@ -103,7 +103,10 @@ int MR_AVWriter::writeHeader(AVFormatContext* s, const char* metainfo) {
     if (result < 0 && m_prev_writer == nullptr && s != nullptr) return result;
   }
   if (m_next_writer != nullptr) m_next_writer->writeHeader(s, metainfo);
-  if (m_exited) throw_exited("main writer already exited 2 ...");
+  if (m_exited) {  // the stop came before there was anything to release
+    release_connection();
+    throw_exited("main writer already exited 2 ...");
+  }
   return result;
 }
 

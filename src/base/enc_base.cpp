@@ -8,7 +8,15 @@ EncBase::EncBase(BaseWriter* writer) : m_writer(writer) {
   m_info.timeout_sec = 0;
 }
 
+namespace {
+
+/// FFmpeg's AAC encoder refuses a negative bit rate. Before version 5 it crashes while it does so.
+bool is_refused(const AVCodecContext* enc) { return enc->codec_id == AV_CODEC_ID_AAC && enc->bit_rate < 0; }
+
+}  // namespace
+
 int EncBase::open_encoder(const AVCodec* codec, OutputStream* ost, const AVDictionary* opts) {
+  if (is_refused(ost->enc.get())) return AVERROR(EINVAL);
   AVDictionary* options = nullptr;
   av_dict_copy(&options, opts, 0);
   unset_empty_presets(ost->enc.get());

@@ -75,15 +75,17 @@ void set_quantizer(AVCodecContext* enc, const char* mode, const char* option, in
   if (enc->codec->priv_class != nullptr) av_opt_set(enc->priv_data, option, std::to_string(value).c_str(), 0);
 }
 
+/// Encoders that refuse a maximum rate without a buffer size, and do not choose one themselves.
+bool needs_buffer_size(AVCodecID id) {
+  return id == AV_CODEC_ID_FLV1 || id == AV_CODEC_ID_H263 || id == AV_CODEC_ID_MSMPEG4V3;
+}
+
 void set_constant_rate(AVCodecContext* enc, int64_t rate) {
   enc->bit_rate = enc->rc_min_rate = enc->rc_max_rate = rate;
   enc->bit_rate_tolerance = enc->rc_buffer_size = static_cast<int>(rate);
   enc->rc_initial_buffer_occupancy = static_cast<int>(rate * 3 / 4);
-}
-
-/// Encoders that refuse a maximum rate without a buffer size, and do not choose one themselves.
-bool needs_buffer_size(AVCodecID id) {
-  return id == AV_CODEC_ID_FLV1 || id == AV_CODEC_ID_H263 || id == AV_CODEC_ID_MSMPEG4V3;
+  // Better plain pictures below the rate than none at all; the buffer still holds the rate down.
+  if (needs_buffer_size(enc->codec_id) && meru_compat::minimum_rate_loses_pictures()) enc->rc_min_rate = 0;
 }
 
 void set_variable_rate(AVCodecContext* enc, int64_t rate) {

@@ -204,6 +204,8 @@ FILE* fopen_utf8(const char* path, const char* mode) {
 #endif
 }
 
+bool minimum_rate_loses_pictures() { return LIBAVCODEC_VERSION_MAJOR < 59; }
+
 const char* rtsp_timeout_option() {
 #if LIBAVFORMAT_VERSION_MAJOR >= 59
   return "timeout";

@@ -55,6 +55,8 @@ void init_packet(AVPacket* packet);
 void complete_duration(const AVStream* st, AVPacket* packet);
 /// fopen for a UTF-8 path on every platform.
 FILE* fopen_utf8(const char* path, const char* mode);
+/// Whether the encoders of H.263's family fail at pictures that are too plain for a minimum rate.
+bool minimum_rate_loses_pictures();
 /// The muxer option that bounds the I/O of an RTSP connection, in microseconds.
 const char* rtsp_timeout_option();
 

@@ -57,7 +57,7 @@ inline void expect_sound_in_step(const std::string& path, long long pushed, int 
 
 /// The checksums of the decoded pictures or samples ("v", "a"), one a line.
 inline std::string frame_hashes(const std::string& path, const std::string& stream) {
-  std::istringstream lines(decoded(path, "-map 0:" + stream + " -fps_mode passthrough -f framemd5"));
+  std::istringstream lines(decoded(path, "-map 0:" + stream + " " + every_picture() + " -f framemd5"));
   std::string hashes;
   for (std::string line; std::getline(lines, line);) {
     if (line.empty() || line[0] == '#') continue;
@@ -68,10 +68,11 @@ inline std::string frame_hashes(const std::string& path, const std::string& stre
 
 /// What a strict decode of an RtspReceiver's recording complains about. The first image's stamp is not from the clock
 /// of the others, so that these may lie half a frame beside the ticks of a frame that ffmpeg would round them to, and
-/// share some; they keep the recording's own ticks instead.
+/// share some; they keep the recording's own ticks instead. Where the first images share a stamp, they may.
 inline std::string received_errors(const std::string& path) {
   const CommandResult result =
-      run_command("ffmpeg -nostdin -v error -xerror -i " + quoted(path) + " -map 0 -enc_time_base:v -1 -f null -");
+      run_command("ffmpeg -nostdin -v error -xerror -i " + quoted(path) + " -map 0 -enc_time_base:v -1 " +
+                  every_picture() + " -f framecrc -y /dev/null");
   return result.status == 0 ? result.output : result.output + "exit status " + std::to_string(result.status);
 }
 

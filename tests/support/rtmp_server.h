@@ -25,8 +25,8 @@ class RtmpServer {
   explicit RtmpServer(const std::string& folder) : m_folder(folder + "/rtmp" + m_port.text()) {
     std::filesystem::create_directories(m_folder + "/recorded");
     std::ofstream(m_folder + "/nginx.conf") << configuration();
-    m_process = std::make_unique<ServerProcess>(
-        std::vector<std::string>{program(), "-p", m_folder, "-c", "nginx.conf", "-e", "error.log"}, output());
+    m_process = std::make_unique<ServerProcess>(std::vector<std::string>{program(), "-p", m_folder, "-c", "nginx.conf"},
+                                                output());
     const bool settled = eventually([&] { return m_port.has_listener() || m_process->has_ended(); });
     if (!settled || m_process->has_ended()) throw std::runtime_error("nginx does not listen: " + said());
   }

@@ -10,21 +10,29 @@
 #include <vector>
 
 #include "support/eventually.h"
+#include "support/run_command.h"
 #include "support/server_process.h"
 
 namespace meru_test {
 
+/// The first image of those that an RtspReceiver recorded whose stamp counts. The first has none. Version 4 takes more
+/// of them, until it knows better, for images that are not in the order of showing, and gives them all the same stamp.
+inline size_t first_true_stamp() {
+  static const bool version_4 = run_command("ffmpeg -version").output.rfind("ffmpeg version 4", 0) == 0;
+  return version_4 ? 8 : 1;
+}
+
 /// The ffmpeg command as an RTSP server on a free port of 127.0.0.1, that takes one stream and records it as it is.
 ///
-/// The recorded stamps are those sent, counted from somewhere near 10 s; but ffmpeg gives a stream's first packet none,
-/// and so it is recorded with 0.
+/// The recorded stamps are those sent, counted from somewhere near 10 s; but for those of the first images, see
+/// first_true_stamp(). Sound is kept although version 7 takes its packets for what only a key frame could begin.
 class RtspReceiver {
  public:
   /// @param recorded  path of the recording, an MKV
   explicit RtspReceiver(std::string recorded) : m_recorded(std::move(recorded)) {
     m_process = std::make_unique<ServerProcess>(
         std::vector<std::string>{"ffmpeg", "-nostdin", "-v", "error", "-y", "-itsoffset", "10", "-rtsp_flags", "listen",
-                                 "-i", url(), "-map", "0", "-c", "copy", "-copyts", m_recorded},
+                                 "-i", url(), "-map", "0", "-c", "copy", "-copyinkf", "-copyts", m_recorded},
         output());
     const bool settled = eventually([&] { return m_port.has_listener() || m_process->has_ended(); });
     if (!settled || m_process->has_ended()) throw std::runtime_error("ffmpeg does not listen: " + said());

@@ -40,7 +40,7 @@ class FailuresTest(FolderTest):
             (small_info(str(self.folder)), merulib.StatusCode.OPEN_FAILED, "Could not open url"),
             (small_info("rtmp://127.0.0.1:1/live/key"), merulib.StatusCode.OPEN_FAILED, "Could not open url"),
             (
-                small_info(self.file("movie.mp4"), metadata="movie_timescale:0"),
+                small_info(self.file("movie.mp4"), metadata="moov_size:-1"),
                 merulib.StatusCode.HEADER_FAILED,
                 "error occurred when write header",
             ),
