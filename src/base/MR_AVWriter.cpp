@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "base/rtsp_tail.h"
+#include "common/checked_seeks.h"
 #include "common/log_site.h"
 
 namespace MR {
@@ -233,6 +234,7 @@ int MR_AVWriter::write_frame(AVPacket* pkt) {
 int MR_AVWriter::write_trailer() {
   m_needs_trailer = false;
   m_io->limit_io(0);
+  CheckedSeeks checked(m_fmt_ctx->pb);
   const int ret = av_write_trailer(m_fmt_ctx);
   return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
 }

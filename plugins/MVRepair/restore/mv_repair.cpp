@@ -8,6 +8,7 @@
 
 #include "MVRepair/restore/regular_file.h"
 #include "MVRepair/restore/repair_output.h"
+#include "common/checked_seeks.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
 #include "common/trim.h"
@@ -195,6 +196,7 @@ int MVRepair::rebuild(const char* output, const std::string& broken_path, const 
   totals = Totals();
   audio_pts = audio_dts = video_pts = video_dts = 0;
   restore_packages(out.get(), broken, parser);
+  CheckedSeeks checked(out->pb);
   ret = av_write_trailer(out.get());
   MERU_LOG(4, "restored: packets=%lld, bytes=%lld, duration=%.6f", static_cast<long long>(totals.packets),
            static_cast<long long>(totals.bytes), totals.duration_sec);
