@@ -5,6 +5,7 @@
 #include "base/MR_AVWriter.h"
 #include "capture/movie_capture2.h"
 #include "common/clock.h"
+#include "common/guarded.h"
 #include "common/log_site.h"
 #include "common/printf_i64.h"
 #include "meru/recording.h"
@@ -25,15 +26,25 @@ void destroy(MovieCapture2* session) {
 void end(MovieCapture2* session) {
   const std::shared_ptr<StatusRelay> relay = session->relay();
   session->stop();
-  relay->mute();
-  relay->wait_until_quiet();
+  if (relay != nullptr) {
+    relay->mute();
+    relay->wait_until_quiet();
+  }
   if (!session->leave_to_start([session] { destroy(session); })) destroy(session);
+}
+
+std::unique_ptr<MovieCapture2> make_session() {
+  auto writer = std::make_unique<MR::MR_AVWriter>(kMaxCache, kExtraCache, nullptr);
+  auto session = std::make_unique<MovieCapture2>(writer.get());
+  writer.release();  // NOLINT(bugprone-unused-return-value): the session's now
+  return session;
 }
 
 }  // namespace
 
 void* MERU_start(const MovieInfo& info, MovieStatusCallback cb, void* user, MovieInfo* out_info, bool async) {
-  auto session = std::make_unique<MovieCapture2>(new MR::MR_AVWriter(kMaxCache, kExtraCache, nullptr));
+  std::unique_ptr<MovieCapture2> session = guarded<std::unique_ptr<MovieCapture2>>(nullptr, make_session);
+  if (session == nullptr) return nullptr;
   try {
     session->start(info, cb, user, async);
   } catch (const std::exception& e) {
@@ -48,7 +59,7 @@ void MERU_stop(void** handle) {
   if (handle == nullptr || *handle == nullptr) return;
   MovieCapture2* session = as_session(*handle);
   *handle = nullptr;
-  if (!session->relay()->inside_callback()) {
+  if (session->relay() == nullptr || !session->relay()->inside_callback()) {
     end(session);
     return;
   }
@@ -77,7 +88,7 @@ int MERU_write_video_bgra(void* handle, void* bgra, int nbytes, long long pts_us
     nuv::print_stderr("--- disable video, ignore bgra frame\n");
     return 0;
   }
-  return as_session(handle)->fill_video_frame(bgra, nbytes, pts_usec, linesize);
+  return guarded(0, [&] { return as_session(handle)->fill_video_frame(bgra, nbytes, pts_usec, linesize); });
 }
 
 int MERU_write_audio_pcm(void* handle, void* pcm, int nbytes, long long pts_usec) {
@@ -86,15 +97,17 @@ int MERU_write_audio_pcm(void* handle, void* pcm, int nbytes, long long pts_usec
     nuv::print_stderr("--- disable audio, ignore pcm frame\n");
     return 0;
   }
-  return as_session(handle)->fill_audio_frame(pcm, nbytes, pts_usec);
+  return guarded(0, [&] { return as_session(handle)->fill_audio_frame(pcm, nbytes, pts_usec); });
 }
 
 int MERU_write_video_frame(void* handle, AVFrame* frame, const AVRational& tb) {
-  return handle != nullptr && frame != nullptr ? as_session(handle)->fill_video_frame(frame, tb) : 0;
+  if (handle == nullptr || frame == nullptr) return 0;
+  return guarded(0, [&] { return as_session(handle)->fill_video_frame(frame, tb); });
 }
 
 int MERU_write_audio_frame(void* handle, AVFrame* frame, const AVRational& tb) {
-  return handle != nullptr && frame != nullptr ? as_session(handle)->fill_audio_frame(frame, tb) : 0;
+  if (handle == nullptr || frame == nullptr) return 0;
+  return guarded(0, [&] { return as_session(handle)->fill_audio_frame(frame, tb); });
 }
 
 bool MERU_add_audio_filter(void* handle, FilterBase* filter) {

@@ -50,7 +50,7 @@ class FilterBase {
 ///                  over; may be null
 /// @param async     true: outputs are opened on a thread of the library and the call returns at once; false: the
 ///                  outcome has been reported when the call returns
-/// @return the session, never null, to be ended with MERU_stop even when the start fails
+/// @return the session, to be ended with MERU_stop even when the start fails; null only when there is no memory for it
 MERU_API void* MERU_start(const MovieInfo& info, MovieStatusCallback cb, void* user, MovieInfo* out_info, bool async);
 
 /// Ends a recording: encodes what is pending, completes the file, closes every output, frees the session.

@@ -38,7 +38,9 @@ enum MovieRepairCode {
   MERU_REPAIR_STOPPED = -5,       ///< "repair: already stopped.  can't recall this function..."; not seen by hosts of
                                   ///< these functions, since each start makes a repair of its own
   MERU_REPAIR_WRITE_FAILED = -10  ///< FFmpeg's text: the new movie cannot be made or completed. The path of the broken
-                                  ///< movie or of the index as output is refused so, before anything is written
+                                  ///< movie or of the index as output is refused so, before anything is written. So is
+                                  ///< a movie called that lacks packets because the system refused memory for them, or
+                                  ///< the reading of the index; it is completed without them
 };
 
 /// Starts a repair on a thread of its own and returns at once.

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <new>
 
 #include "AVSnapshot/base64.h"
 #include "AVSnapshot/tiny_json.h"
@@ -187,14 +188,20 @@ int Snapshot::static_write_packet(AVFormatContext* oc, AVPacket* pkt) {
 int Snapshot::filter_write_header(AVFormatContext* oc) {
   const int ret = call_write_header(oc);
   if (ret < 0) return ret;
-  if (fp != nullptr) write_stream_lines(oc);
+  try {
+    if (fp != nullptr) write_stream_lines(oc);
+  } catch (const std::bad_alloc&) {
+    // It must not go on through the muxer that has called this.
+    MERU_LOG(2, "the side index cannot be written: no memory");
+    fp.reset();
+  }
   last_flush_usec = steady_usec();
   return ret;
 }
 
 void Snapshot::write_stream_lines(const AVFormatContext* oc) {
-  fprintf(fp.get(), "## version=%d, %s\n", version(), kAddress);
   std::string line;
+  std::string lines;
   for (unsigned i = 0; i < oc->nb_streams; ++i) {
     const AVStream* st = oc->streams[i];
     if (st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
@@ -204,9 +211,11 @@ void Snapshot::write_stream_lines(const AVFormatContext* oc) {
       video_index = st->index;
       line = video_line(st);
     }
-    fprintf(fp.get(), "%s\n", line.c_str());
-    fflush(fp.get());
+    lines += line + "\n";
   }
+  // All or none: a reader would take an index that describes some of the streams for a whole one.
+  fprintf(fp.get(), "## version=%d, %s\n%s", version(), kAddress, lines.c_str());
+  fflush(fp.get());
 }
 
 int Snapshot::filter_packet(AVFormatContext* oc, AVPacket* pkt) {

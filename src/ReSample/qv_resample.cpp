@@ -83,7 +83,7 @@ int QVResample::pri_swr_config_frame(SwrContext* swr, const AVFrame* out, const 
 
 int QVResample::qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRational tb) {
   m_out_frame.reset(av_frame_clone(dst));
-  if (m_out_frame == nullptr) return -1;
+  if (m_out_frame == nullptr || m_swr == nullptr) return -1;
   m_sharers = buffer_references(m_out_frame.get());
   m_time_base = tb;
   if (pri_swr_config_frame(m_swr.get(), dst, src) < 0) return -1;

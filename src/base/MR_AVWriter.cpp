@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "base/rtsp_tail.h"
+#include "common/checked_seeks.h"
 #include "common/log_site.h"
 
 namespace MR {
@@ -87,8 +88,22 @@ void MR_AVWriter::create_other_writers(const char** urls) {
 
 void MR_AVWriter::start() {
   if (m_exited) throw_exited("main writer already exited ...");
-  if (m_fmt_ctx != nullptr) m_thread = std::make_unique<std::thread>(&MR_AVWriter::running, this);
+  start_thread();
   if (m_next_writer != nullptr) m_next_writer->start();
+}
+
+/// A further output that the system gives no thread is left out; the others go on.
+void MR_AVWriter::start_thread() {
+  if (m_fmt_ctx == nullptr) return;
+  try {
+    m_thread = std::make_unique<std::thread>(&MR_AVWriter::running, this);
+  } catch (const std::exception& e) {
+    if (m_prev_writer == nullptr) throw;
+    MERU_LOG(2, "no thread for an output: %s", e.what());
+    log_failure(m_fmt_ctx->url, AVERROR(EAGAIN));
+    release_connection();
+    close_clone();
+  }
 }
 
 AVFormatContext* MR_AVWriter::prepare_fmt_ctx(AVFormatContext* s) {
@@ -137,9 +152,13 @@ int MR_AVWriter::enqueue(const AVStream* st, AVPacket* pkt, bool flag) {
   m_last_time = static_cast<double>(pkt->pts) * av_q2d(st->time_base);
   AVPacket copy;
   meru_compat::init_packet(&copy);
-  const int ret = av_packet_ref(&copy, pkt);
-  if (ret < 0) return ret;
-  return m_queue->put_block(&copy, m_max_cache + (flag ? m_extra_cache : 0), true);
+  int ret = av_packet_ref(&copy, pkt);
+  if (ret >= 0) ret = m_queue->put_block(&copy, m_max_cache + (flag ? m_extra_cache : 0), true);
+  if (ret >= 0 || m_failed) return ret;
+  // The queue is aborted by a failure alone. What is lost here is told of by no other line where it is a further
+  // output.
+  MERU_LOG(2, "output %d has lost a packet: no memory", m_number);
+  return AVERROR(ENOMEM);
 }
 
 int MR_AVWriter::writePacket(const AVRational* tb, AVPacket* pkt, bool flag) {
@@ -218,6 +237,7 @@ int MR_AVWriter::write_frame(AVPacket* pkt) {
 int MR_AVWriter::write_trailer() {
   m_needs_trailer = false;
   m_io->limit_io(0);
+  CheckedSeeks checked(m_fmt_ctx->pb);
   const int ret = av_write_trailer(m_fmt_ctx);
   return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
 }
@@ -225,6 +245,7 @@ int MR_AVWriter::write_trailer() {
 /// Nothing more is waited for on an output that has failed.
 void MR_AVWriter::fail(int error) {
   error = understood(error);
+  m_failed = true;
   m_queue->abort();
   char text[kErrorTextSize] = {};
   av_strerror(error, text, sizeof(text));

@@ -59,6 +59,8 @@ class MR_AVWriter : public BaseWriter {
   int writeTailer() override;
 
   int cachedNPackets() { return m_queue->packets(); }
+  /// @return whether writing has failed; what owns the main writer was told then
+  bool failed() const { return m_failed; }
   bool tailer_done() const { return m_tailer_done; }
   /// @return `s` itself for the main writer, a clone of it for a further output
   AVFormatContext* prepare_fmt_ctx(AVFormatContext* s);
@@ -75,6 +77,7 @@ class MR_AVWriter : public BaseWriter {
   int understood(int error) const;
   void log_failure(const char* url, int error) const;
   int enqueue(const AVStream* st, AVPacket* pkt, bool flag);
+  void start_thread();
   void running();
   int write_queued();
   int write_frame(AVPacket* pkt);
@@ -90,6 +93,7 @@ class MR_AVWriter : public BaseWriter {
   int m_max_cache;
   int m_extra_cache;
   std::atomic<bool> m_tailer_done{false};
+  std::atomic<bool> m_failed{false};  // set before the queue is aborted
   bool m_needs_trailer =
       false;          // the header is written; of the starting thread, then of the writing one, then of stop()
   std::string m_url;  // address of a further output, empty for the main writer

@@ -89,8 +89,9 @@ int MovieMuxer::start(const MovieInfo& info, MovieStatusCallback cb, void* user,
   m_network = MR::isRtspStream(info.url) || info.hasRtmpStream();
   if (m_network) avformat_network_init();
 
-  m_start_ctx = std::make_shared<StartCtx>();
-  m_start_ctx->take(info);
+  const auto ctx = std::make_shared<StartCtx>();
+  ctx->take(info);
+  m_start_ctx = ctx;  // only now: without memory for it there is no start that a stop could leave the session to
   m_start_ctx->muxer = this;
   m_start_ctx->cb = cb;
   m_start_ctx->user = user;

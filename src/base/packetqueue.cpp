@@ -29,8 +29,17 @@ PacketQueue::PacketQueue() {
 PacketQueue::~PacketQueue() { flush(); }
 
 PacketQueue::Node* PacketQueue::make_node(AVPacket* pkt) {
+  if (pkt == &s_tailer_pkt && !m_tailer_queued.exchange(true)) return &m_tailer_node;
   if (pkt != &s_tailer_pkt && av_packet_make_refcounted(pkt) < 0) return nullptr;
   return static_cast<Node*>(av_malloc(sizeof(Node)));
+}
+
+void PacketQueue::free_node(Node* node) {
+  if (node == &m_tailer_node) {
+    m_tailer_queued = false;
+  } else {
+    av_free(node);
+  }
 }
 
 void PacketQueue::release(AVPacket* pkt) {
@@ -85,7 +94,7 @@ int PacketQueue::put_block(AVPacket* pkt, int maxNpkt, bool block) {
     }
   }
   release(pkt);
-  av_free(node);
+  free_node(node);
   return result;
 }
 
@@ -100,7 +109,7 @@ int PacketQueue::get(AVPacket* pkt, bool block) {
   --nb_packets;
   m_size -= node->pkt.size + kAccountedNodeSize;
   *pkt = node->pkt;
-  av_free(node);
+  free_node(node);
   cond_put.notify_one();
   return 1;
 }
@@ -140,7 +149,7 @@ void PacketQueue::flush() {
   for (Node* node = first; node != nullptr;) {
     Node* next = node->next;
     release(&node->pkt);
-    av_free(node);
+    free_node(node);
     node = next;
   }
   first = last = nullptr;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -51,7 +52,8 @@ class PacketQueue {
     Node* next;
   };
 
-  static Node* make_node(AVPacket* pkt);
+  Node* make_node(AVPacket* pkt);
+  void free_node(Node* node);
   static void release(AVPacket* pkt);
   void append(Node* node, AVPacket* pkt);
   int copy_out(AVPacket* pkt, Node* PacketQueue::*end);
@@ -61,7 +63,9 @@ class PacketQueue {
   int nb_packets = 0;
   int m_size = 0;
   bool abort_request = false;
+  Node m_tailer_node{};  // for the first end marker: without memory the end must be reached all the same
   std::mutex mutex;
-  std::condition_variable_any cond_get;  // a packet was added
-  std::condition_variable_any cond_put;  // a packet was taken
+  std::condition_variable_any cond_get;      // a packet was added
+  std::condition_variable_any cond_put;      // a packet was taken
+  std::atomic<bool> m_tailer_queued{false};  // m_tailer_node is in use; not guarded
 };

@@ -1,11 +1,19 @@
 #include "base/start_ctx.h"
 
+#include <cstdio>
 #include <iterator>
 #include <utility>
 
 #include "base/MR_AVWriter.h"
 #include "base/movie_muxer.h"
 #include "common/log_site.h"
+
+namespace {
+
+// Longer than any text of ours. Fixed, because the report of a failed start must not want memory.
+constexpr size_t kTextSize = 128;
+
+}  // namespace
 
 void StartCtx::take(const MovieInfo& record) {
   info = record;
@@ -19,7 +27,7 @@ void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
   // Held here: the muxer may be destroyed, and drop its reference, while a callback made below still runs.
   const std::shared_ptr<StartCtx> ctx = shared;  // NOLINT(performance-unnecessary-copy-initialization)
   int code = MERU_STATUS_OK;
-  std::string text = "start OK";
+  char text[kTextSize] = "start OK";
   bool report = true;
   if (*ctx->exited) {
     MERU_LOG(2, "=^= running begin: already exited,  exit thread");
@@ -31,7 +39,7 @@ void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
   } catch (const MR::MRException& e) {
     MERU_LOG(2, " ---- catch error --- : %s", e.what());
     code = e.code();
-    text = e.what();
+    snprintf(text, sizeof(text), "%s", e.what());
   } catch (...) {
     MERU_LOG(2, " ---- catch error --- : Unknow\\n");
     report = false;
@@ -53,7 +61,7 @@ void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
   if (code == MR::kAlreadyExited) {
     MERU_LOG(2, "== catch exception: already exited, ignore ...");
   } else if (report && ctx->cb != nullptr) {
-    ctx->cb(code, text.c_str(), ctx->user);
+    ctx->cb(code, text, ctx->user);
   }
 }
 

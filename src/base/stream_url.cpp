@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
@@ -100,9 +101,19 @@ void set_rtsp_options(AVFormatContext* ctx, int timeout_sec) {
 }
 
 void log_failed_output(int number, const char* url, int error) {
-  MERU_LOG(2, "%s failed: %s", output_name(number, url).c_str(), AvError(error).text);
+  try {
+    MERU_LOG(2, "%s failed: %s", output_name(number, url).c_str(), AvError(error).text);
+  } catch (const std::bad_alloc&) {
+    MERU_LOG(2, "output %d failed: %s", number, AvError(error).text);
+  }
 }
 
-void log_open_output(int number, const char* url) { MERU_LOG(4, "%s is open", output_name(number, url).c_str()); }
+void log_open_output(int number, const char* url) {
+  try {
+    MERU_LOG(4, "%s is open", output_name(number, url).c_str());
+  } catch (const std::bad_alloc&) {
+    MERU_LOG(4, "output %d is open", number);
+  }
+}
 
 }  // namespace MR

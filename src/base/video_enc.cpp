@@ -56,7 +56,8 @@ void VideoEnc::open_video(AVFormatContext* /*oc*/, const AVCodec* codec, OutputS
   }
   const AVCodecContext* enc = ost->enc.get();
   ost->frame = alloc_picture(enc->pix_fmt, enc->width, enc->height);
-  if (ost->frame == nullptr) {
+  // Without a buffer nothing could be converted into it: the movie would have a stream without pictures.
+  if (ost->frame == nullptr || ost->frame->buf[0] == nullptr) {
     nuv::print_stderr("Could not allocate video frame\n");
     throw std::string("Could not allocate video frame");
   }

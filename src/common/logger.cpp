@@ -2,6 +2,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/guarded.h"
 #include "common/printf_i64.h"
 #include "common/trim.h"
 #include "meru/log.h"
@@ -90,8 +91,8 @@ const char* Logger::now(const char* fmt) {
 }  // namespace nuv
 
 void MERU_Log_On(const char* path) {
-  FILE* fp = path != nullptr ? fopen(nuv::str::trim_path(path).c_str(), "a+") : nullptr;
-  nuv::Logger::instance()->redirect(fp);
+  const auto open = [path] { return fopen(nuv::str::trim_path(path).c_str(), "a+"); };
+  nuv::Logger::instance()->redirect(path != nullptr ? guarded<FILE*>(nullptr, open) : nullptr);
 }
 
 void MERU_Log_On2(FILE* fp) { nuv::Logger::instance()->redirect(fp); }

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 namespace nuv {
 
@@ -28,7 +29,11 @@ std::string expand_i64(const char* fmt) {
 void print_stderr(const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
-  vfprintf(stderr, has_i64(fmt) ? expand_i64(fmt).c_str() : fmt, ap);
+  try {
+    vfprintf(stderr, has_i64(fmt) ? expand_i64(fmt).c_str() : fmt, ap);
+  } catch (const std::bad_alloc&) {
+    // The line is lost, what it tells of goes on.
+  }
   va_end(ap);
   fflush(stderr);
 }

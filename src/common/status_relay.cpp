@@ -1,25 +1,27 @@
 #include "common/status_relay.h"
 
-#include <algorithm>
-
-bool StatusRelay::enter() {
+bool StatusRelay::enter(Call* call) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   if (m_muted) return false;
-  m_inside.push_back(std::this_thread::get_id());
+  call->next = m_inside;
+  m_inside = call;
   return true;
 }
 
-void StatusRelay::leave() {
+void StatusRelay::leave(const Call* call) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_inside.erase(std::find(m_inside.begin(), m_inside.end(), std::this_thread::get_id()));
+  Call** at = &m_inside;
+  while (*at != call) at = &(*at)->next;
+  *at = call->next;
   m_left.notify_all();
 }
 
 void StatusRelay::report(int id, const char* text) {
-  if (!enter()) return;
+  Call call;
+  if (!enter(&call)) return;
   if (m_note) m_note(id, text);
   if (m_cb != nullptr) m_cb(id, text, m_user);
-  leave();
+  leave(&call);
 }
 
 void StatusRelay::mute() {
@@ -31,11 +33,15 @@ void StatusRelay::wait_until_quiet() {
   const auto self = std::this_thread::get_id();
   std::unique_lock<std::mutex> lock(m_mutex);
   m_left.wait(lock, [&] {
-    return std::all_of(m_inside.begin(), m_inside.end(), [&](std::thread::id id) { return id == self; });
+    const Call* call = m_inside;
+    while (call != nullptr && call->thread == self) call = call->next;
+    return call == nullptr;
   });
 }
 
 bool StatusRelay::inside_callback() {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  return std::find(m_inside.begin(), m_inside.end(), std::this_thread::get_id()) != m_inside.end();
+  const Call* call = m_inside;
+  while (call != nullptr && call->thread != std::this_thread::get_id()) call = call->next;
+  return call != nullptr;
 }

@@ -5,7 +5,6 @@
 #include <mutex>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "meru/movie_info.h"
 
@@ -31,14 +30,20 @@ class StatusRelay {
   bool inside_callback();
 
  private:
-  bool enter();
-  void leave();
+  /// A call to the host under way. On the stack of its thread, so that a report needs no memory.
+  struct Call {
+    std::thread::id thread = std::this_thread::get_id();
+    Call* next = nullptr;
+  };
+
+  bool enter(Call* call);
+  void leave(const Call* call);
 
   MovieStatusCallback m_cb;
   void* m_user;
   Note m_note;
   std::mutex m_mutex;
   std::condition_variable m_left;
-  bool m_muted = false;                   // guarded by m_mutex
-  std::vector<std::thread::id> m_inside;  // guarded by m_mutex: the threads that are calling the host
+  bool m_muted = false;      // guarded by m_mutex
+  Call* m_inside = nullptr;  // guarded by m_mutex: the calls to the host that are running
 };

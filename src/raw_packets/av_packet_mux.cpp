@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <new>
 #include <system_error>
 
 #include "AVSnapshot/snapshot.h"
@@ -124,9 +125,12 @@ void AVPacketMux::thread_running() {
   const nuv::Defer cleaning([this] { clear(); });
   try {
     run();
+  } catch (const std::bad_alloc& e) {
+    MERU_LOG(2, "the session ends: %s", e.what());
+    m_relay->report(AVERROR(ENOMEM), AvError(AVERROR(ENOMEM)).text);
   } catch (const std::exception& e) {
     MERU_LOG(2, "the session ends: %s", e.what());
-    fail(AVERROR_UNKNOWN, e.what());
+    m_relay->report(AVERROR_UNKNOWN, e.what());
   }
 }
 
@@ -287,10 +291,14 @@ void AVPacketMux::copy_packets() {
   MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
   MuxInput audio{"aac", m_audio_ctx.get(), &m_audio, m_audio_ost};
   audio.bare = m_bare_sound;
-  CopyLoop(&video, &audio, m_writer.get()).run();
+  const int copied = CopyLoop(&video, &audio, m_writer.get()).run();
   const int ret = m_writer->writeTailer();
   if (ret < 0) MERU_LOG(2, "error writing trailer: %s", AvError(ret).text);
+  m_writer->stop();
+  const bool told = m_writer->failed();
   drop_writer();
+  // The movie is complete as far as it goes, but packets that were pushed are not in it.
+  if (copied == AVERROR(ENOMEM) && !told) m_relay->report(copied, AvError(copied).text);
 }
 
 /// Ends the writing threads; what they have been given is written before.
@@ -316,8 +324,8 @@ void AVPacketMux::limit_outputs() {
 void AVPacketMux::end_inputs() {
   m_video.release(0, kUnbounded);
   m_audio.release(0, kUnbounded);
-  m_audio._push_back_(nullptr, kUnbounded, false, 0);
-  m_video._push_back_(nullptr, kUnbounded, false, 0);
+  m_audio.end();
+  m_video.end();
 }
 
 /// @return false when the worker hangs in the opening of an output

@@ -52,6 +52,10 @@ class BlockingQueue {
   /// @return kQueueDone, kQueueAborted (even with elements queued), or kQueueEmpty
   int _get_front_(T& value, bool block, unsigned timeout_ms, bool pop);
 
+  /// Marks the end: behind what is queued, now or later, every get finds an empty value. Needs no memory, as a pushed
+  /// end marker would.
+  void end();
+
   /// Sends every waiting thread away and makes every later push and get return kQueueAborted, for good. What is queued
   /// stays until clear.
   void abort();
@@ -82,6 +86,7 @@ class BlockingQueue {
            int failure, Ready ready);
 
   SpareLinks<T> m_links;  // guarded by m_mutex
+  bool m_ended = false;   // guarded by m_mutex
 };
 
 template <class T>
@@ -125,14 +130,28 @@ template <class T>
 int BlockingQueue<T>::_get_front_(T& value, bool block, unsigned timeout_ms, bool pop) {
   if (m_abort) return kQueueAborted;
   std::unique_lock<std::mutex> lock(m_mutex);
-  const int result = wait(&lock, &m_not_empty, block, timeout_ms, kQueueEmpty, [&] { return !m_queue.empty(); });
+  const int result =
+      wait(&lock, &m_not_empty, block, timeout_ms, kQueueEmpty, [&] { return m_ended || !m_queue.empty(); });
   if (result != kQueueDone) return result;
+  if (m_queue.empty()) {
+    value = T();
+    return kQueueDone;
+  }
   value = m_queue.front();
   if (!pop) return kQueueDone;
   m_links.pop_front(&m_queue);
   on_node_deque_event(value);
   m_not_full.notify_one();
   return kQueueDone;
+}
+
+template <class T>
+void BlockingQueue<T>::end() {
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_ended = true;
+  }
+  m_not_empty.notify_all();
 }
 
 template <class T>

@@ -79,13 +79,19 @@ void keep_apart(AVPacket* packet, MuxInput* input) {
 
 }  // namespace
 
-void CopyLoop::run() {
+int CopyLoop::run() {
   m_work.reset(av_packet_alloc());
-  if (m_work == nullptr) return;
+  if (m_work == nullptr) return AVERROR(ENOMEM);
   if (m_inputs[0]->ifmt_ctx != nullptr && m_inputs[1]->ifmt_ctx != nullptr) {
     m_inputs[0]->buffer->give_way_to(m_inputs[1]->buffer);
     m_inputs[1]->buffer->give_way_to(m_inputs[0]->buffer);
   }
+  copy();
+  m_pending.clear();
+  return m_error;
+}
+
+void CopyLoop::copy() {
   prime();
   while (read_rested()) {
     MuxInput* input = earliest();
@@ -96,12 +102,16 @@ void CopyLoop::run() {
     const auto taken = m_pending.extract(input->ifmt_ctx);
     const int ret = write(input, taken.mapped().get());
     if (ret < 0) {
-      MERU_LOG(2, "error muxing packet: %s", AvError(ret).text);
+      note_failure("muxing packet", ret);
       break;
     }
     if (!read_next(input)) break;
   }
-  m_pending.clear();
+}
+
+void CopyLoop::note_failure(const char* doing, int error) {
+  MERU_LOG(2, "error %s: %s", doing, AvError(error).text);
+  m_error = error;
 }
 
 /// Reads the first packet of each input, unless an input before it fails.
@@ -110,7 +120,7 @@ void CopyLoop::prime() {
     if (input->ifmt_ctx == nullptr) continue;
     const int ret = read(input);
     if (ret == AVERROR_EOF || ret >= 0) continue;
-    MERU_LOG(2, "error reading frame: %s", AvError(ret).text);
+    note_failure("reading frame", ret);
     return;
   }
 }
@@ -178,7 +188,7 @@ bool CopyLoop::read_next(MuxInput* input) {
     if (!input->buffer->m_gave_way) MERU_LOG(2, "reached EOF for '%s'", input->name);
     return true;
   }
-  MERU_LOG(2, "error reading frame: %s", AvError(ret).text);
+  note_failure("reading frame", ret);
   return false;
 }
 

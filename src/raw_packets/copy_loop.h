@@ -30,10 +30,12 @@ class CopyLoop {
   /// Everything stays the caller's and must outlive the loop. The output's header must be written.
   CopyLoop(MuxInput* video, MuxInput* audio, BaseWriter* writer) : m_inputs{video, audio}, m_writer(writer) {}
 
-  /// Returns at the end of all inputs, or at the first error behind their first packets, which it logs.
-  void run();
+  /// Ends at the end of all inputs, or at the first error behind their first packets, which it logs. @return 0 or the
+  /// error
+  int run();
 
  private:
+  void copy();
   void prime();
   bool rests() const;
   bool read_rested();
@@ -41,11 +43,13 @@ class CopyLoop {
   int read_undamaged(MuxInput* input);
   static void note_damage(MuxInput* input, int error);
   bool read_next(MuxInput* input);
+  void note_failure(const char* doing, int error);
   MuxInput* earliest() const;
   int write(MuxInput* input, AVPacket* packet);
 
   MuxInput* m_inputs[2];
   BaseWriter* m_writer;
+  int m_error = 0;
   PacketPtr m_work;
   std::map<AVFormatContext*, PacketPtr> m_pending;
 };

@@ -4,11 +4,15 @@
 #include <cstring>
 #include <new>
 
+#include "common/log_site.h"
+
 namespace {
 
 constexpr int kUnbounded = std::numeric_limits<int>::max();
 
 constexpr unsigned kLookIntervalMs = 50;
+
+void note_dropped(int size) { MERU_LOG(2, "a packet of %d bytes is dropped: no memory", size); }
 
 }  // namespace
 
@@ -19,7 +23,7 @@ InputBuffer::~InputBuffer() {
 void InputBuffer::hold(const void* data, int size, int64_t pts) {
   if (data == nullptr || size < 1 || aborted()) return;
   nuv::MRMemNode* node = pool()->mr_malloc(size);
-  if (node == nullptr) return;
+  if (node == nullptr) return note_dropped(size);
   pts = std::clamp(pts, -kLastPts, kLastPts);
   while (m_reorder.count(pts) != 0) ++pts;
   std::memcpy(node->data, data, static_cast<size_t>(size));
@@ -28,6 +32,7 @@ void InputBuffer::hold(const void* data, int size, int64_t pts) {
     m_reorder.emplace(pts, node);
   } catch (const std::bad_alloc&) {
     free_node(node);
+    note_dropped(size);
   }
 }
 
@@ -44,6 +49,7 @@ bool InputBuffer::release_first(int max_queued) {
   // the packet is then refused, the stamp is one too many, behind all others, and nobody asks for it.
   int result = m_pts_queue._push_back_(first->first, kUnbounded, false, 0);
   if (result == nuv::kQueueDone) result = _push_back_(first->second, max_queued, true, 0);
+  if (result == nuv::kQueueFull) note_dropped(first->second->size);
   if (result != nuv::kQueueDone) free_node(first->second);
   if (result == nuv::kQueueAborted) {
     first->second = nullptr;

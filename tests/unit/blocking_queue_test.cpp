@@ -293,6 +293,27 @@ TYPED_TEST(BlockingQueueTest, WaitingGetsAreSentAwayByAnAbort) {
   EXPECT_EQ(this->m_value, this->make(999)) << "unchanged";
 }
 
+TYPED_TEST(BlockingQueueTest, WaitingGetFindsAnEmptyValueAtTheEnd) {
+  this->m_value = this->make(999);
+  auto call = this->waiting_get();
+  this->m_queue.end();
+  EXPECT_EQ(this->result_of(&call), nuv::kQueueDone);
+  EXPECT_EQ(this->m_value, TypeParam());
+}
+
+TYPED_TEST(BlockingQueueTest, TheEndIsBehindWhatIsQueuedAndIsFoundAgainAndAgain) {
+  this->fill(1);
+  this->m_queue.end();
+  EXPECT_EQ(this->get(false), nuv::kQueueDone);
+  EXPECT_EQ(this->m_value, this->make(0));
+  for (int i = 0; i < 3; ++i) {
+    this->m_value = this->make(999);
+    EXPECT_EQ(this->get(i > 0), nuv::kQueueDone);
+    EXPECT_EQ(this->m_value, TypeParam());
+  }
+  EXPECT_EQ(this->m_queue.size(), 0);
+}
+
 TYPED_TEST(BlockingQueueTest, AbortedQueueRefusesEverythingAndKeepsItsElements) {
   this->fill(2);
   EXPECT_FALSE(this->m_queue.aborted());

@@ -337,11 +337,28 @@ TEST(PacketQueueWithoutMemory, PutLeavesThePacketAndPutBlockConsumesIt) {
   EXPECT_NE(kept.data, nullptr);
   EXPECT_EQ(queue.put_block(&consumed, kPlenty, true), -1);
   EXPECT_EQ(freed, 1);
-  EXPECT_EQ(queue.put(&PacketQueue::s_tailer_pkt), -1);
   av_max_alloc(1 << 30);
   EXPECT_EQ(queue.packets(), 0);
   av_packet_unref(&kept);
   EXPECT_EQ(freed, 2);
+}
+
+TEST(PacketQueueWithoutMemory, OneEndMarkerAtATimeIsQueuedAllTheSame) {
+  PacketQueue queue;
+  AVPacket packet;
+  meru_compat::init_packet(&packet);
+  av_max_alloc(32);  // less than a node
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(queue.put(&PacketQueue::s_tailer_pkt), 0);
+    EXPECT_EQ(queue.put(&PacketQueue::s_tailer_pkt), -1);
+    EXPECT_EQ(queue.get(&packet, false), 1);
+    EXPECT_TRUE(PacketQueue::is_tailer(&packet));
+    EXPECT_EQ(queue.get(&packet, false), 0);
+  }
+  EXPECT_EQ(queue.put(&PacketQueue::s_tailer_pkt), 0);
+  queue.flush();
+  EXPECT_EQ(queue.put(&PacketQueue::s_tailer_pkt), 0);
+  av_max_alloc(1 << 30);
 }
 
 TEST(PacketQueueWithoutMemory, DataThatNobodyOwnsAreRefused) {

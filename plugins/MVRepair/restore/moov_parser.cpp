@@ -88,6 +88,7 @@ MoovParser::~MoovParser() = default;
 void MoovParser::reset() {
   path.reset();
   fp.reset();
+  body_lost = false;
   header_lines = 0;
   header = MVHeader();
 }
@@ -115,7 +116,8 @@ bool MoovParser::start(const char* file) {
   return true;
 }
 
-/// Reads comments and stream lines up to the first line that is neither. @return whether a stream was described
+/// Reads comments and stream lines up to the first line that is neither. @return whether a stream was described, and
+/// all of them could be read
 bool MoovParser::read_header(FILE* index) {
   int streams = 0;
   bool first = true;
@@ -130,7 +132,7 @@ bool MoovParser::read_header(FILE* index) {
     first = false;
     ++header_lines;
   }
-  return streams > 0;
+  return streams > 0 && ferror(index) == 0;
 }
 
 /// @return whether the line describes sound or pictures
@@ -183,6 +185,7 @@ bool MoovParser::get_extradata(MVHeader& described) {
 /// Opens the file again, behind the header lines.
 bool MoovParser::open_body() {
   fp = open_trimmed(path->c_str(), "rb");
+  body_lost = fp == nullptr;
   if (fp == nullptr) return false;
   for (int i = 0; i < header_lines; ++i) {
     if (fgets(line.get(), kLineSize, fp.get()) == nullptr) break;

@@ -40,12 +40,14 @@ class MoovParser {
 
   /// Reads the header of the index `file`, which may stand in quotes. The video's parameter sets are brought into
   /// the form that MP4 files have.
-  /// @return false, with a line in the log, when the file cannot be opened, describes no stream, or has parameter sets
-  ///         that cannot be used
+  /// @return false, with a line in the log, when the file cannot be opened or read, describes no stream, or has
+  ///         parameter sets that cannot be used
   bool start(const char* file);
   /// @return the next line of records with its line feed, at most 8191 characters of it, valid until the next call;
   ///         null at the end and before a start
   char* readBody();
+  /// @return whether there may be lines that could not be read
+  bool unreadable() const { return body_lost || (fp != nullptr && ferror(fp.get()) != 0); }
   /// @return how much of the file was handed out, 0.0 to 1.0, or what set_progress said
   double progress() const;
   void set_progress(double progress) { progress_override = progress; }
@@ -69,6 +71,7 @@ class MoovParser {
   int header_lines = 0;
   std::optional<std::string> path;
   FilePtr fp;
+  bool body_lost = false;  // the file could not be opened again
   MVHeader header;
   int64_t file_size = 0;
   int64_t file_pos = 0;

@@ -1,6 +1,7 @@
 #include "MVRepair/restore/mv_repair.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <system_error>
@@ -8,6 +9,7 @@
 
 #include "MVRepair/restore/regular_file.h"
 #include "MVRepair/restore/repair_output.h"
+#include "common/checked_seeks.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
 #include "common/trim.h"
@@ -17,6 +19,7 @@ namespace {
 constexpr unsigned kMaxStreamIndex = 4;
 constexpr int kLinesPerReport = 10;
 constexpr double kAsGoodAsComplete = 0.9;
+constexpr int kLargestPacket = 256 << 20;  // a record that says more is damaged: no encoder makes such a packet
 
 constexpr int kNoMovie = -1;
 constexpr int kNoIndex = -2;
@@ -32,8 +35,7 @@ FilePtr open_movie(const std::string& path, int64_t* size) {
   FilePtr file = open_regular_file(path, "rb");
   if (file == nullptr || fseeko(file.get(), 0, SEEK_END) != 0) return nullptr;
   *size = ftello(file.get());
-  rewind(file.get());
-  return file;
+  return *size >= 0 && fseeko(file.get(), 0, SEEK_SET) == 0 ? std::move(file) : nullptr;
 }
 
 bool is_audio(const PacketRecord& record, const MVHeader& header) {
@@ -54,15 +56,6 @@ void print_packet(const AVPacket& packet, AVRational tb) {
          time_text(packet.dts, tb).c_str(), static_cast<long long>(packet.duration),
          time_text(packet.duration, tb).c_str(), packet.stream_index);
   fflush(stdout);
-}
-
-/// Goes to a position, which may lie behind the end. @return false for one that no file has
-bool go_to(FILE* file, int64_t position) {
-  if (position < 0) return false;
-  // File systems differ in how far behind the end one may go, and in what reading there says.
-  constexpr int64_t kFarthest = INT64_MAX / 2;
-  if (fseeko(file, std::min(position, kFarthest), SEEK_SET) != 0) fseeko(file, 0, SEEK_END);
-  return true;
 }
 
 /// Clears a flag at the end of a scope.
@@ -128,6 +121,9 @@ void MVRepair::start_async(const char* broken, const char* moov, const char* out
   } catch (const std::system_error& e) {
     running = false;
     throw std::system_error(e.code(), "thread constructor failed");
+  } catch (...) {  // no memory
+    running = false;
+    throw;
   }
 }
 
@@ -189,13 +185,18 @@ bool MVRepair::repair(const char* broken, const char* moov, const char* output) 
 /// @return 0 or FFmpeg's negative error
 int MVRepair::rebuild(const char* output, const std::string& broken_path, const std::string& moov, FILE* broken,
                       MoovParser& parser) {
+  if (packet == nullptr) return AVERROR(ENOMEM);
   OutputPtr out;
   int ret = open_repair_output(output, broken_path, moov, parser.get_header(), &out);
   if (ret < 0) return ret;
   totals = Totals();
   audio_pts = audio_dts = video_pts = video_dts = 0;
+  failure = 0;
+  lost_place = false;
   restore_packages(out.get(), broken, parser);
+  CheckedSeeks checked(out->pb);
   ret = av_write_trailer(out.get());
+  if (ret >= 0) ret = failure;
   MERU_LOG(4, "restored: packets=%lld, bytes=%lld, duration=%.6f", static_cast<long long>(totals.packets),
            static_cast<long long>(totals.bytes), totals.duration_sec);
   return ret;
@@ -218,8 +219,10 @@ bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& 
       continue;
     }
     remux_packets(line, broken, out, parser);
+    if (lost_place) break;
     if ((lines + 1) % kLinesPerReport == 0) on_progress(parser.progress(), 0, "");
   }
+  if (parser.unreadable()) failure = AVERROR(EIO);
   if (parser.progress() >= kAsGoodAsComplete) parser.set_progress(1.0);
   on_progress(parser.progress(), 0, "");
   MERU_LOG(2, ">> 执行完成 %.6lf, （忽略索引: [%d ~ %d) 共%d行）", parser.progress(), first_ignored,
@@ -289,6 +292,7 @@ bool MVRepair::write(const PacketRecord& record, AVFormatContext* out, const Moo
     totals.duration_sec = std::max(totals.duration_sec, av_q2d(tb) * static_cast<double>(end));
     return true;
   }
+  if (ret == AVERROR(ENOMEM)) failure = ret;
   print_packet(*packet, tb);
   MERU_LOG(2, "@@ moov已处理 %d 行(%.6lf); write frame err: %s, next=%s", parser.line_number(), parser.progress(),
            AvError(ret).text, rest);
@@ -307,7 +311,29 @@ void MVRepair::follow(const PacketRecord& record, const MVHeader& header) {
 void MVRepair::pass_over(const PacketRecord& record, FILE* broken, const MVHeader& header) {
   follow(record, header);
   if (record.position != 0) go_to(broken, record.position);
-  if (record.size > 0) fseeko(broken, record.size, SEEK_CUR);
+  if (record.size > 0) skip(broken, record.size);
+}
+
+/// Goes to a position, which may lie behind the end. @return false for one that no file has
+bool MVRepair::go_to(FILE* file, int64_t position) {
+  if (position < 0) return false;
+  // File systems differ in how far behind the end one may go, and in what reading there says.
+  constexpr int64_t kFarthest = INT64_MAX / 2;
+  if (fseeko(file, std::min(position, kFarthest), SEEK_SET) == 0) return true;
+  note_lost_place();
+  fseeko(file, 0, SEEK_END);
+  return true;
+}
+
+void MVRepair::skip(FILE* file, int64_t count) {
+  if (fseeko(file, count, SEEK_CUR) != 0) note_lost_place();
+}
+
+/// Behind a seek that failed for another reason than its target nobody knows where the next packet's bytes are.
+void MVRepair::note_lost_place() {
+  if (errno == EINVAL || errno == EOVERFLOW) return;
+  failure = AVERROR(errno);
+  lost_place = true;
 }
 
 /// Goes to where the record's bytes begin, if any file can have them.
@@ -331,14 +357,14 @@ bool MVRepair::read_bytes(const PacketRecord& record, FILE* broken) {
   const int64_t left = std::max<int64_t>(movie_size - ftello(broken), 0) + 1;
   const int ask = static_cast<int>(std::min<int64_t>(record.size, left));
   if (!found || !grow_buffer(ask)) {
-    if (record.size > 0) fseeko(broken, record.size, SEEK_CUR);  // where the next record's bytes begin
+    if (record.size > 0) skip(broken, record.size);  // where the next record's bytes begin
     return false;
   }
   const int got = static_cast<int>(fread(buffer.get(), 1, static_cast<size_t>(ask), broken));
   if (got < record.size) {
     MERU_LOG(2, "读取packet数据 %d < %d(需求)，该行索引处理结束 (eof=%d, fpos=%lld) err_code=%d", got, record.size,
              feof(broken), static_cast<long long>(ftello(broken)), ferror(broken));
-    if (feof(broken) == 0) fseeko(broken, record.size - got, SEEK_CUR);  // unreadable, or the movie has just grown
+    if (feof(broken) == 0) skip(broken, record.size - got);  // unreadable, or the movie has just grown
     return false;
   }
   memset(buffer.get() + got, 0, AV_INPUT_BUFFER_PADDING_SIZE);
@@ -350,6 +376,7 @@ bool MVRepair::grow_buffer(int size) {
   void* grown = av_realloc(buffer.get(), static_cast<size_t>(size) + AV_INPUT_BUFFER_PADDING_SIZE);
   if (grown == nullptr) {
     MERU_LOG(2, "no memory for a packet of %d bytes", size);
+    if (size <= kLargestPacket) failure = AVERROR(ENOMEM);
     return false;
   }
   (void)buffer.release();  // realloc has taken it

@@ -62,7 +62,10 @@ class MVRepair : public std::enable_shared_from_this<MVRepair> {
   bool write(const PacketRecord& record, AVFormatContext* out, const MoovParser& parser, const char* rest);
   void follow(const PacketRecord& record, const MVHeader& header);
   void pass_over(const PacketRecord& record, FILE* broken, const MVHeader& header);
-  static bool seek_to(const PacketRecord& record, FILE* broken);
+  bool go_to(FILE* file, int64_t position);
+  void skip(FILE* file, int64_t count);
+  void note_lost_place();
+  bool seek_to(const PacketRecord& record, FILE* broken);
   bool read_bytes(const PacketRecord& record, FILE* broken);
   bool grow_buffer(int size);
 
@@ -81,4 +84,6 @@ class MVRepair : public std::enable_shared_from_this<MVRepair> {
   int64_t movie_size = 0;           // bytes of the broken movie
   PacketPtr packet;
   Totals totals;
+  int failure = 0;          // of the system, as opposed to damage: the movie is completed, and not called whole
+  bool lost_place = false;  // what is read from the broken movie would be anything
 };
