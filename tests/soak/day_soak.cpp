@@ -182,15 +182,16 @@ TEST_P(DayTest, StaysFlatAndInStepThroughEveryPause) {
 
   const double kept = static_cast<double>(indexed) * (1.0 - static_cast<double>(first_look) / all) * c.bytes_a_packet;
   EXPECT_LT(static_cast<double>(grown), kept / 1024 + 8 * 1024);
-  std::printf("day %s minutes %d pauses %d images %ld sounds %ld worst_stamp_ms %.3f marks_apart_ms %.1f "
-              "memory_early_kib %ld grown_kib %ld index_records %ld\n",
-              c.name, all, day.pauses(), video.count, audio.count, video.worst * 1e3,
-              (marks.sound - marks.picture) * 1e3, early, grown, indexed);
+  std::printf(
+      "day %s minutes %d pauses %d images %ld sounds %ld worst_stamp_ms %.3f marks_apart_ms %.1f "
+      "memory_early_kib %ld grown_kib %ld index_records %ld\n",
+      c.name, all, day.pauses(), video.count, audio.count, video.worst * 1e3, (marks.sound - marks.picture) * 1e3,
+      early, grown, indexed);
 }
 
 // An MP4's table of packets is written at its end, and FFmpeg keeps it in an array that grows by half at a time.
-INSTANTIATE_TEST_SUITE_P(All, DayTest,
-                         testing::Values(DayCase{"Mkv", "mkv", 0.001, 0}, DayCase{"Mp4", "mp4", 0, 160}), CaseName());
+INSTANTIATE_TEST_SUITE_P(All, DayTest, testing::Values(DayCase{"Mkv", "mkv", 0.001, 0}, DayCase{"Mp4", "mp4", 0, 160}),
+                         CaseName());
 
 }  // namespace
 }  // namespace meru_test

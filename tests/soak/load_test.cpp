@@ -181,8 +181,8 @@ TEST_F(FourFurther, TakeEveryImageOf4KAsFastAsItIsPushed) {
   if (!kSanitized) {
     EXPECT_LT(static_cast<double>(most - early), bound + frames_kib(info, 1));
   }
-  std::printf("load 4K images %d seconds %.1f images_a_second %.1f grown_kib %ld bound_kib %.0f\n", images, took.count(),
-              images / took.count(), most - early, bound);
+  std::printf("load 4K images %d seconds %.1f images_a_second %.1f grown_kib %ld bound_kib %.0f\n", images,
+              took.count(), images / took.count(), most - early, bound);
 }
 
 TEST_F(FourFurther, SlowestHoldsTheHostBackWhenItsQueueIsFull) {

@@ -160,6 +160,7 @@ class Storm {
 
   /// Runs so many further recordings and waits until each has come to its end.
   void run(unsigned count) {
+    const FfmpegLog quiet;  // of a portion alone: it keeps what it hears
     std::deque<Recording> all;
     for (unsigned i = 0; i < count; ++i) all.emplace_back(m_seed + m_run + i, m_dead, m_dir);
     std::atomic<unsigned> next{0};
@@ -187,7 +188,6 @@ class Storm {
  private:
   const DeadAddresses m_dead;
   const TempDir m_dir{TempDir::fast_parent()};
-  FfmpegLog m_ffmpeg;
   Ends m_ends;
   unsigned m_seed;
   unsigned m_run = 0;
