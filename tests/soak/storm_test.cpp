@@ -1,5 +1,5 @@
 // Short recordings of every kind, started and stopped at any moment, several at once: nothing may be left of them. By
-// default some; MERU_STORM_RECORDINGS and MERU_STORM_SEED set how many and which, see storm.sh.
+// default some; MERU_STORM_RECORDINGS and MERU_STORM_SEED set how many and which, see soak.sh.
 
 #include <gtest/gtest.h>
 #include <malloc.h>
