@@ -99,15 +99,18 @@ class QuickHost {
   std::atomic<int> m_taken{0};
 };
 
-/// The movie has every picture, and the sound to all of them.
-void expect_all(const std::string& path, const MovieInfo& info, int images) {
+/// The movie has every picture, and the sound to all of them. @return what may have waited for its outputs
+double expect_all(const std::string& path, const MovieInfo& info, int images, int outputs = 1) {
   const auto video = probe_packets(path, "v:0");
   const auto audio = probe_packets(path, "a:0");
   const double seconds = static_cast<double>(images) / info.fps;
   EXPECT_EQ(video.size(), static_cast<size_t>(images)) << path;
-  ASSERT_FALSE(audio.empty()) << path;
+  EXPECT_FALSE(audio.empty()) << path;
   // The encoder takes whole frames of sound, and what it begins with may stand before the beginning.
-  EXPECT_NEAR(audio.back().pts + audio.back().duration, seconds, 0.1) << path;
+  if (!audio.empty()) {
+    EXPECT_NEAR(audio.back().pts + audio.back().duration, seconds, 0.1) << path;
+  }
+  return most_waiting_kib(video, audio, outputs);
 }
 
 /// A pipe as an output. What comes is kept in a file, but only from the moment on at which reading is asked for.
@@ -158,7 +161,7 @@ class FourFurther : public testing::Test {
 };
 
 TEST_F(FourFurther, TakeEveryImageOf4KAsFastAsItIsPushed) {
-  const int images = images_wanted(24);
+  const int images = images_wanted(20);
   const MovieInfo info = record(3840, 2160, 60);
   QuickHost host(info);
   ASSERT_TRUE(host.host().started());
@@ -174,10 +177,8 @@ TEST_F(FourFurther, TakeEveryImageOf4KAsFastAsItIsPushed) {
   host.host().stop();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
   EXPECT_EQ(host.taken(), images);
-  expect_all(m_main, info, images);
+  const double bound = expect_all(m_main, info, images, 5);
   for (const std::string& path : m_others) expect_all(path, info, images);
-
-  const double bound = most_waiting_kib(probe_packets(m_main, "v:0"), probe_packets(m_main, "a:0"), 5);
   if (!kSanitized) {
     EXPECT_LT(static_cast<double>(most - early), bound + frames_kib(info, 1));
   }
@@ -190,7 +191,7 @@ TEST_F(FourFurther, SlowestHoldsTheHostBackWhenItsQueueIsFull) {
   m_others[3] = m_dir.file("pipe.mkv");
   const std::string arrived = m_dir.file("arrived.mkv");
   HeldPipe pipe(m_others[3], arrived);
-  const int images = kMostVideo * 3;
+  const int images = kMostVideo * 2;
   MovieInfo info = record(1280, 720, 30);
   info.rate_control = RATE_CONTROL_CQP;
   info.qp = 10;
@@ -220,9 +221,7 @@ TEST_F(FourFurther, SlowestHoldsTheHostBackWhenItsQueueIsFull) {
   EXPECT_LT(held_at, images);
   EXPECT_EQ(host.taken(), images);
   expect_all(arrived, info, images);
-  expect_all(m_main, info, images);
-
-  const double bound = most_waiting_kib(probe_packets(m_main, "v:0"), probe_packets(m_main, "a:0"), 5);
+  const double bound = expect_all(m_main, info, images, 5);
   if (!kSanitized) {
     EXPECT_LT(static_cast<double>(full - early), bound + frames_kib(info, 1));
   }
@@ -231,7 +230,7 @@ TEST_F(FourFurther, SlowestHoldsTheHostBackWhenItsQueueIsFull) {
 
 TEST(EightRecordingsTest, Of720pAtOnceLoseNothing) {
   constexpr int kRecordings = 8;
-  const int images = images_wanted(40);
+  const int images = images_wanted(30);
   const TempDir dir;
   std::vector<MovieInfo> infos;
   std::vector<std::unique_ptr<QuickHost>> hosts;
@@ -256,9 +255,7 @@ TEST(EightRecordingsTest, Of720pAtOnceLoseNothing) {
   double bound = 0;
   for (size_t i = 0; i < hosts.size(); ++i) {
     EXPECT_EQ(hosts[i]->taken(), images);
-    expect_all(infos[i].url, infos[i], images);
-    bound += most_waiting_kib(probe_packets(infos[i].url, "v:0"), probe_packets(infos[i].url, "a:0"), 1) +
-             frames_kib(infos[i], 1);
+    bound += expect_all(infos[i].url, infos[i], images) + frames_kib(infos[i], 1);
   }
   if (!kSanitized) {
     EXPECT_LT(static_cast<double>(late - early), bound);
