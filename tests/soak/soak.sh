@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The long runs, one after the other; shows their figures.
 #   tests/soak/soak.sh [PART...]   storm load day large; all of them by default
-# storm: 2000 short recordings, eight at once (two minutes). load: 600 images to each recording (some minutes). day: 24 hours
-# of recording, twice (seven minutes). large: movies beyond 4 GiB, repaired (two minutes, 10 GB).
+# storm: 2000 short recordings, eight at once (two minutes on two idle processors). load: 600 images to each recording
+# (two minutes). day: 24 hours of recording, twice (seven minutes). large: movies beyond 4 GiB, repaired (two minutes,
+# 10 GB of disk).
 # BUILD: the build folder, build/dev. TMPDIR: where the movies are made. MERU_STORM_SEED, MERU_STORM_RECORDINGS,
 # MERU_LOAD_IMAGES and MERU_SOAK_HOURS change what is done.
 set -euo pipefail
@@ -21,7 +22,8 @@ for part in "$@"; do
   begun=$SECONDS
   if "$run" >"$said" 2>&1; then result=passed; else result=FAILED; failed+=("$part"); fi
   grep -aE "^$part " "$said" || true
-  [ "$result" = passed ] || grep -aE -A4 '_(test|soak)\.cpp:[0-9]+|terminate|Sanitizer' "$said" >&2 || tail -n 20 "$said" >&2
+  [ "$result" = passed ] || grep -aE -A4 '_(test|soak)\.cpp:[0-9]+|terminate|Sanitizer' "$said" >&2 ||
+    tail -n 20 "$said" >&2
   echo "$part: $result in $((SECONDS - begun)) s"
 done
 [ ${#failed[@]} -eq 0 ]
