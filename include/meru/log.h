@@ -32,6 +32,12 @@ enum NuvLogLevel : int {
 class MERU_EXPORT Logger {
  public:
   /// Receives a message: its tag, its level, source file and line, and its text, valid during the call only.
+  ///
+  /// Runs on whatever thread logs, on several at once, and holds that up for as long as it takes; the library may hold
+  /// a lock meanwhile. It may call the functions of the log, the clock, the read-outs, MERU_pause, MERU_resume and
+  /// MERU_Repair_IsRunning, on handles that no other thread is just ending. It must not start, push, stop or repair
+  /// anything, wait for a thread that does, change `m_callback`, or throw. What it calls may log in turn: it has to
+  /// recognise messages that come while it runs.
   using Callback = std::function<void(const char* tag, int level, const char* file, int line, const char* msg)>;
 
   Logger() = default;

@@ -129,8 +129,10 @@ typedef struct MovieInfo_ MovieInfo;  ///< the name that hosts use
 /// @param msg   English text, valid only during the call
 /// @param user  the pointer given to MERU_start, unchanged
 ///
-/// The callback may call any exported function, MERU_stop on its own session included. It must not throw. While it
-/// runs, MERU_stop from another thread waits for it.
+/// The callback may call any exported function, on its own session and on others, MERU_stop on its own included; a
+/// session still has one pushing thread for each medium, so it pushes only while the host's other threads do not. It
+/// must not throw. It may take long: that holds up neither pushes nor other sessions, but in a synchronous start
+/// MERU_start, and MERU_stop from another thread, which waits for it.
 typedef void (*MovieStatusCallback)(int code, const char* msg, void* user);
 
 #ifdef __cplusplus

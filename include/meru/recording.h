@@ -30,8 +30,16 @@ struct AVRational;
 #ifdef __cplusplus
 
 /// A host's own look at, or change of, what is recorded. Implemented by the host.
+///
+/// Its functions run inside a push, or inside MERU_stop, and hold that up for as long as they take. They must not
+/// throw. They may call any exported function on other sessions. On their own session they may pause, resume, read out,
+/// set the audio filter, and push the medium that is not being pushed (when the host pushes both from this thread);
+/// they must not push the medium that is, replace the video filter from inside itself, or call MERU_stop. Inside
+/// MERU_stop nothing is called with the session's handle any more.
 class FilterBase {
  public:
+  /// Runs on the thread that replaces a video filter, or on that of MERU_stop (a thread of the library when MERU_stop
+  /// was called in a status callback).
   virtual ~FilterBase() = default;
   /// Sees each encoded audio packet just before it is written, in the encoder's time base. The result is ignored.
   /// Runs on the thread that pushes audio, and on the thread of MERU_stop for the last packets.

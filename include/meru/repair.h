@@ -25,8 +25,8 @@
 /// @param msg       the text of a failure, "" for progress; valid during the call only
 /// @param user      the pointer given at the start
 /// @threads MERU_StartRepair_Async: a thread of the repair. MERU_StartRepair_sync: the caller's. One call at a time.
-///          The first may come before MERU_StartRepair_Async has returned. It may call MERU_StopRepair and
-///          MERU_Repair_IsRunning, and must not throw.
+///          The first may come before MERU_StartRepair_Async has returned. It may call any exported function,
+///          MERU_StopRepair on its own repair included, and must not throw. The repair goes on when it returns.
 typedef void (*MovieRepairCallback)(double progress, int code, const char* msg, void* user);
 
 /// Codes of MovieRepairCallback.

@@ -148,8 +148,7 @@ void AVPacketMux::run() {
 
 /// Sends away whoever waits in a push first, then closes everything.
 void AVPacketMux::clear() {
-  m_video.abort();
-  m_audio.abort();
+  send_pushes_away();
   drop_writer();
   m_video_ctx.reset();
   m_audio_ctx.reset();
@@ -158,8 +157,16 @@ void AVPacketMux::clear() {
   m_snapshot.reset();
 }
 
-/// Tells the host. @return false
+/// From now on a push drops its packet and returns at once, and so does one that is waiting.
+void AVPacketMux::send_pushes_away() {
+  m_video.abort();
+  m_audio.abort();
+}
+
+/// Tells the host. Nobody reads what it pushes any more, and its callback may push or wait for a thread that does.
+/// @return false
 bool AVPacketMux::fail(int code, const std::string& text) {
+  send_pushes_away();
   m_relay->report(code, text.c_str());
   return false;
 }
@@ -292,6 +299,8 @@ void AVPacketMux::copy_packets() {
   MuxInput audio{"aac", m_audio_ctx.get(), &m_audio, m_audio_ost};
   audio.bare = m_bare_sound;
   const int copied = CopyLoop(&video, &audio, m_writer.get()).run();
+  // Before the writing threads are waited for: one of them may be telling the host, whose callback may push.
+  send_pushes_away();
   const int ret = m_writer->writeTailer();
   if (ret < 0) MERU_LOG(2, "error writing trailer: %s", AvError(ret).text);
   m_writer->stop();

@@ -72,6 +72,7 @@ class AVPacketMux {
   bool write_header();
   void copy_packets();
   void drop_writer();
+  void send_pushes_away();
   bool fail(int code, const std::string& text);
 
   void limit_outputs();

@@ -2,11 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "support/host.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
+#include "support/resident_memory.h"
 #include "support/sanitized.h"
 #include "support/temp_dir.h"
 
@@ -200,14 +199,6 @@ TEST(MetadataTest, ReachesTheContainer) {
   EXPECT_EQ(tags.value("COMMENT", tags.value("comment", "")), "a:b");
 }
 
-long resident_kib() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  }
-  return -1;
-}
-
 TEST(MemoryTest, StaysFlatWhileRecordingFullHd) {
   if (kSanitized) GTEST_SKIP() << "the sanitizer keeps freed memory back";
   const TempDir dir;
@@ -228,7 +219,6 @@ TEST(MemoryTest, StaysFlatWhileRecordingFullHd) {
   };
   push(0, 60);
   const long before = resident_kib();
-  ASSERT_GT(before, 0);
   push(60, 300);
   // Packets waiting in the queue vary; an image that is not given back would be 8 MiB, 240 times.
   EXPECT_LT(resident_kib() - before, 12 * 1024);

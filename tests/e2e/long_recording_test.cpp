@@ -2,39 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <ostream>
 
 #include "support/host.h"
+#include "support/marked_scene.h"
 #include "support/probe.h"
 #include "support/temp_dir.h"
 
 namespace meru_test {
 namespace {
-
-/// Pushes `images` pictures with their sound, black and silent up to `marked`, white and loud from there on.
-/// @return how many pictures were taken
-int push_marked_scene(void* session, const MovieInfo& info, int images, long long from, long long marked) {
-  const long long frame = kUsecPerSec / info.fps;
-  const auto pcm_size = static_cast<size_t>(2 * info.sample_rate_src / 100);
-  std::vector<uint8_t> black(static_cast<size_t>(info.width_src * info.height_src * 4), 0);
-  std::vector<uint8_t> white(black.size(), 255);
-  std::vector<int16_t> silent(pcm_size, 0);
-  std::vector<int16_t> loud(pcm_size);
-  for (size_t i = 0; i < pcm_size; ++i) loud[i] = i / 2 % 48 < 24 ? 16000 : -16000;
-  int taken = 0;
-  for (int i = 0; i < images; ++i) {
-    const long long at = from + i * frame;
-    std::vector<uint8_t>& image = at < marked ? black : white;
-    const int nbytes = static_cast<int>(image.size());
-    if (MERU_write_video_bgra(session, image.data(), nbytes, at, info.width_src * 4) != 0) ++taken;
-    std::vector<int16_t>& pcm = at < marked ? silent : loud;
-    for (long long piece = at; piece < at + frame; piece += 10000) {
-      MERU_write_audio_pcm(session, pcm.data(), static_cast<int>(pcm_size * sizeof(int16_t)), piece);
-    }
-  }
-  return taken;
-}
 
 TEST(LongRecordingTest, ThirtyMinutesResampledStayTogether) {
   constexpr int kSeconds = 30 * 60;
@@ -48,8 +24,11 @@ TEST(LongRecordingTest, ThirtyMinutesResampledStayTogether) {
   Host host(info);
   ASSERT_TRUE(host.started());
   constexpr int kImages = kSeconds * 10;
-  const long long marked = (kSeconds - 2) * kUsecPerSec;
-  EXPECT_EQ(push_marked_scene(host.session(), info, kImages, kUsecPerSec, kUsecPerSec + marked), kImages);
+  constexpr int kMarked = (kSeconds - 2) * 10;
+  MarkedScene scene(info);
+  for (int i = 0; i < kImages; ++i) {
+    EXPECT_TRUE(scene.push(host.session(), kUsecPerSec + i * kUsecPerSec / info.fps, i >= kMarked)) << i;
+  }
   const long long sound_end = MERU_last_usec_pts(host.session());
   host.stop();
 
@@ -62,15 +41,9 @@ TEST(LongRecordingTest, ThirtyMinutesResampledStayTogether) {
   EXPECT_NEAR(number(audio, "start_time"), number(video, "start_time"), frame);
   EXPECT_NEAR(static_cast<double>(sound_end) / kUsecPerSec, kSeconds, frame);
 
-  const std::string tail = "-ss " + std::to_string(kSeconds - kTailSeconds) + " ";
-  const std::string pictures = decoded(path, tail + "-map 0:v -pix_fmt gray -f rawvideo");
-  const std::string sound = decoded(path, tail + "-map 0:a -ac 1 -f u8");
-  const size_t size = static_cast<size_t>(info.width * info.height);
-  size_t white = 0;
-  while (white < pictures.size() / size && static_cast<uint8_t>(pictures[white * size]) < 128) ++white;
-  const auto loud = std::find_if(sound.begin(), sound.end(), [](char s) { return static_cast<uint8_t>(s) > 160; });
-  EXPECT_NEAR(static_cast<double>(white) * frame, kTailSeconds - 2, frame);
-  EXPECT_NEAR(static_cast<double>(loud - sound.begin()) / 48000, kTailSeconds - 2, frame);
+  const Marks marks = Marks::found(path, info, kSeconds - kTailSeconds);
+  EXPECT_NEAR(marks.picture, kTailSeconds - 2, frame);
+  EXPECT_NEAR(marks.sound, kTailSeconds - 2, frame);
 }
 
 struct SparseCase {

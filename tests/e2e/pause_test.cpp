@@ -12,6 +12,7 @@
 #include "support/eventually.h"
 #include "support/host.h"
 #include "support/probe.h"
+#include "support/resident_memory.h"
 #include "support/sanitized.h"
 #include "support/temp_dir.h"
 
@@ -207,14 +208,10 @@ TEST(SilenceTest, HalfAnHourCostsNoMemory) {
   Host host(info);
   ASSERT_TRUE(host.started());
   host.push_samples(80, kUsecPerSec);
-  const auto resident = [] {
-    const std::string text = run_command("grep VmRSS /proc/" + std::to_string(getpid()) + "/status").output;
-    return std::strtol(text.c_str() + text.find(':') + 1, nullptr, 10);
-  };
-  const long before = resident();
+  const long before = resident_kib();
   EXPECT_NE(MERU_write_audio_pcm(host.session(), nullptr, 0, 1801 * kUsecPerSec), 0);
   if (!kSanitized) {
-    EXPECT_LT(resident() - before, 16 * 1024);
+    EXPECT_LT(resident_kib() - before, 16 * 1024);
   }
   host.stop();
   const auto audio = probe_packets(path, "a:0");

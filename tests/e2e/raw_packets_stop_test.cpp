@@ -18,6 +18,7 @@
 
 #include "support/case_name.h"
 #include "support/eventually.h"
+#include "support/late_callbacks.h"
 #include "support/local_listener.h"
 #include "support/log_capture.h"
 #include "support/raw_checks.h"
@@ -49,18 +50,6 @@ using std::chrono::seconds;
 /// What a live output is given to take what is pending, with some more for a busy machine.
 constexpr seconds kDrained{12};
 constexpr milliseconds kAtOnce{2000};
-
-/// Counts the callbacks that come after MERU2_stop has returned. Outlives every session of a test.
-struct LateCallbacks {
-  std::atomic<bool> stopped{false};
-  std::atomic<int> late{0};
-  std::atomic<int> in_time{0};
-
-  static void callback(int, const char*, void* user) {
-    auto* self = static_cast<LateCallbacks*>(user);
-    ++(self->stopped ? self->late : self->in_time);
-  }
-};
 
 Clock::duration stop_takes(PacketHost* host) {
   const auto before = Clock::now();

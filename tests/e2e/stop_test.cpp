@@ -1,4 +1,4 @@
-// Stopping at any moment: during the start, while the network blocks, from inside a callback.
+// Stopping at any moment: during the start, from inside a callback, from another thread.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -10,12 +10,11 @@
 #include <csignal>
 #include <filesystem>
 #include <memory>
-#include <ostream>
 #include <thread>
 
 #include "support/eventually.h"
 #include "support/host.h"
-#include "support/local_listener.h"
+#include "support/late_callbacks.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/temp_dir.h"
@@ -25,18 +24,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-
-/// Counts the callbacks that come after MERU_stop has returned. Outlives every session of a test.
-struct LateCallbacks {
-  std::atomic<bool> stopped{false};
-  std::atomic<int> late{0};
-  std::atomic<int> in_time{0};
-
-  static void callback(int, const char*, void* user) {
-    auto* self = static_cast<LateCallbacks*>(user);
-    ++(self->stopped ? self->late : self->in_time);
-  }
-};
 
 /// Starts, lets `delay` pass, stops, and checks how long the stop took.
 /// @return how long the start took
@@ -78,45 +65,6 @@ TEST(StopDuringStartTest, FileOutputs) {
   EXPECT_TRUE(eventually([&] { return log.count(4, "--- stop OK") == kRounds; }));
   for (const auto& round : rounds) EXPECT_EQ(round->late, 0);
 }
-
-struct NetworkCase {
-  const char* name;
-  const char* scheme;
-  bool refused;
-  bool as_further_output;
-};
-void PrintTo(const NetworkCase& c, std::ostream* out) { *out << c.name; }
-
-class StopDuringConnectTest : public testing::TestWithParam<NetworkCase> {};
-
-TEST_P(StopDuringConnectTest, ReturnsAtOnceAndNothingIsReportedAfterwards) {
-  const TempDir dir;
-  LogCapture log;
-  SilentServer server;
-  const std::string url = server.url(GetParam().scheme);
-  if (GetParam().refused) server.close();
-  constexpr int kRounds = 30;
-  std::vector<std::unique_ptr<LateCallbacks>> rounds;
-  std::vector<Clock::duration> starts;
-  for (int i = 0; i < kRounds; ++i) {
-    MovieInfo info = small_movie(GetParam().as_further_output ? dir.file(std::to_string(i) + ".mp4") : url);
-    if (GetParam().as_further_output) info.other_urls[0] = url.c_str();
-    rounds.push_back(std::make_unique<LateCallbacks>());
-    const std::chrono::microseconds delay(i % 10 < 9 ? i * 5000 / kRounds : 60000);
-    starts.push_back(start_and_stop(info, delay, rounds.back().get()));
-  }
-  expect_prompt(starts);
-  EXPECT_TRUE(eventually([&] { return log.count(4, "--- stop OK") == kRounds; }));
-  for (const auto& round : rounds) EXPECT_EQ(round->late, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(All, StopDuringConnectTest,
-                         testing::Values(NetworkCase{"RtmpNeverAnswers", "rtmp", false, false},
-                                         NetworkCase{"RtmpRefused", "rtmp", true, false},
-                                         NetworkCase{"RtspNeverAnswers", "rtsp", false, false},
-                                         NetworkCase{"RtspRefused", "rtsp", true, false},
-                                         NetworkCase{"FurtherRtmpNeverAnswers", "rtmp", false, true}),
-                         [](const auto& test) { return test.param.name; });
 
 TEST(StopDuringStartTest, OpeningThatCannotBeBrokenOff) {
   const TempDir dir;

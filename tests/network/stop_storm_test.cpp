@@ -18,6 +18,7 @@
 #include "support/dead_network.h"
 #include "support/eventually.h"
 #include "support/host.h"
+#include "support/late_callbacks.h"
 #include "support/overheard.h"
 #include "support/process_counts.h"
 #include "support/raw_checks.h"
@@ -48,17 +49,6 @@ int rounds() {
   const char* const wanted = std::getenv("MERU_STORM_ROUNDS");
   return wanted != nullptr ? std::atoi(wanted) : 5;
 }
-
-/// Counts the callbacks that come after the stop has returned. Outlives every session of a test.
-struct LateCallbacks {
-  std::atomic<bool> stopped{false};
-  std::atomic<int> late{0};
-
-  static void callback(int, const char*, void* user) {
-    auto* self = static_cast<LateCallbacks*>(user);
-    if (self->stopped) ++self->late;
-  }
-};
 
 /// How long something takes, without the time in which others had the processor.
 template <class Work>
