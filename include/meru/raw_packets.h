@@ -58,7 +58,8 @@ typedef struct MovieInfo2 MovieInfo2;  ///< for hosts in C
 /// @param cb    told how the session fares, on threads of the library; may be null. It may call any exported function,
 ///              MERU2_stop on its own session included, and must not throw. It may take long: pushes to the session
 ///              go on meanwhile as when its output is slow. Nothing is read while code 0 is told, so no more than 500
-///              packets of a medium can be pushed from inside it. Codes:
+///              packets of a medium can be pushed from inside it, or before a thread that it waits for returns. A
+///              medium still has one pushing thread. Codes:
 ///              0 "start success": the output is open (RTSP connects later, with the header);
 ///              -5 "failed to writing header": the container or an RTSP server refused the streams;
 ///              negative FFmpeg codes otherwise: the output cannot be opened or has no known container, an input's

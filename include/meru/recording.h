@@ -35,7 +35,7 @@ struct AVRational;
 /// throw. They may call any exported function on other sessions. On their own session they may pause, resume, read out,
 /// set the audio filter, and push the medium that is not being pushed (when the host pushes both from this thread);
 /// they must not push the medium that is, replace the video filter from inside itself, or call MERU_stop. Inside
-/// MERU_stop nothing is called with the session's handle any more.
+/// MERU_stop nothing may be called with the session's handle any more.
 class FilterBase {
  public:
   /// Runs on the thread that replaces a video filter, or on that of MERU_stop (a thread of the library when MERU_stop

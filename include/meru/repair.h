@@ -26,7 +26,7 @@
 /// @param user      the pointer given at the start
 /// @threads MERU_StartRepair_Async: a thread of the repair. MERU_StartRepair_sync: the caller's. One call at a time.
 ///          The first may come before MERU_StartRepair_Async has returned. It may call any exported function,
-///          MERU_StopRepair on its own repair included, and must not throw. The repair goes on when it returns.
+///          MERU_StopRepair on its own repair included, and must not throw. The repair waits for it.
 typedef void (*MovieRepairCallback)(double progress, int code, const char* msg, void* user);
 
 /// Codes of MovieRepairCallback.
@@ -39,8 +39,8 @@ enum MovieRepairCode {
                                   ///< these functions, since each start makes a repair of its own
   MERU_REPAIR_WRITE_FAILED = -10  ///< FFmpeg's text: the new movie cannot be made or completed. The path of the broken
                                   ///< movie or of the index as output is refused so, before anything is written. So is
-                                  ///< a movie called that lacks packets because the system refused memory for them, or
-                                  ///< the reading of the index; it is completed without them
+                                  ///< a movie called that lacks packets because the system refused memory for them, a
+                                  ///< seek, or the reading of a file; it is completed without them
 };
 
 /// Starts a repair on a thread of its own and returns at once.

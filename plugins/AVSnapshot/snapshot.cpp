@@ -213,9 +213,9 @@ void Snapshot::write_stream_lines(const AVFormatContext* oc) {
     }
     lines += line + "\n";
   }
-  // All or none: a reader would take an index that describes some of the streams for a whole one.
+  // At once: a reader would take an index that describes some of the streams for a whole one.
   fprintf(fp.get(), "## version=%d, %s\n%s", version(), kAddress, lines.c_str());
-  fflush(fp.get());
+  flush_file();
 }
 
 int Snapshot::filter_packet(AVFormatContext* oc, AVPacket* pkt) {

@@ -16,6 +16,7 @@ constexpr int kCachePerOutput = 6;
 constexpr int kExtraCachePerOutput = 3;
 constexpr int kErrorTextSize = 512;
 constexpr int64_t kOpeningSec = 10;
+constexpr int64_t kReleaseUsec = 1000000;  // for a connection that was never used
 
 /// The time base that the encoder worked in: the muxer of `src` may have replaced it in the stream.
 AVRational encoder_time_base(const AVStream* st) {
@@ -101,6 +102,7 @@ void MR_AVWriter::start_thread() {
     if (m_prev_writer == nullptr) throw;
     MERU_LOG(2, "no thread for an output: %s", e.what());
     log_failure(m_fmt_ctx->url, AVERROR(EAGAIN));
+    m_io->limit_io(kReleaseUsec);
     release_connection();
     close_clone();
   }

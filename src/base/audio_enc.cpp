@@ -75,16 +75,16 @@ int AudioEnc::write_packet(OutputStream* ost, AVPacket* packet) {
 
 int AudioEnc::write_audio_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame) {
   if (oc == nullptr) return -1;
-  const PacketPtr packet(av_packet_alloc());
-  if (packet == nullptr) return -2;
-  if (frame == nullptr) return drain(ost, packet.get());
+  AVPacket packet;
+  meru_compat::init_packet(&packet);
+  if (frame == nullptr) return drain(ost, &packet);
 
-  const EncodeResult result = encode(ost->enc.get(), frame, packet.get());
+  const EncodeResult result = encode(ost->enc.get(), frame, &packet);
   if (result.error < 0) {
     MERU_LOG(2, "Error encoding audio frame: %s", AvError(result.error).text);
     return -2;
   }
-  return result.got_packet ? write_packet(ost, packet.get()) : 0;
+  return result.got_packet ? write_packet(ost, &packet) : 0;
 }
 
 int AudioEnc::drain(OutputStream* ost, AVPacket* packet) {

@@ -119,22 +119,22 @@ int VideoEnc::write_packet(OutputStream* ost, AVPacket* packet) {
 
 int VideoEnc::write_video_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame) {
   if (oc == nullptr) return -1;
-  const PacketPtr packet(av_packet_alloc());
-  if (packet == nullptr) return -2;
+  AVPacket packet;
+  meru_compat::init_packet(&packet);
   if (frame != nullptr && m_filter != nullptr) frame = m_filter->on_video_frame(frame);
   if (frame != nullptr && !accepts(*ost, *frame)) {
     MERU_LOG(2, "Error encoding video frame: %s\\n", "the image has not the size and the format that are encoded");
     return -2;
   }
   if (frame != nullptr) frame = check_frame_format(ost, frame);
-  if (frame == nullptr) return drain(ost, packet.get());
+  if (frame == nullptr) return drain(ost, &packet);
 
-  const EncodeResult result = encode(ost->enc.get(), frame, packet.get());
+  const EncodeResult result = encode(ost->enc.get(), frame, &packet);
   if (result.error < 0) {
     MERU_LOG(2, "Error encoding video frame: %s\\n", AvError(result.error).text);
     return -2;
   }
-  return result.got_packet ? write_packet(ost, packet.get()) : 0;
+  return result.got_packet ? write_packet(ost, &packet) : 0;
 }
 
 int VideoEnc::drain(OutputStream* ost, AVPacket* packet) {

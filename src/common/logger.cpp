@@ -18,7 +18,11 @@ constexpr int kPrefixSize = 128;
 int clamp_level(int level) { return std::clamp<int>(level, LOG_NONE, LOG_TRACE); }
 
 void format(char* dst, int size, const char* fmt, va_list ap) {
-  vsnprintf(dst, static_cast<size_t>(size), has_i64(fmt) ? expand_i64(fmt).c_str() : fmt, ap);
+  try {
+    vsnprintf(dst, static_cast<size_t>(size), has_i64(fmt) ? expand_i64(fmt).c_str() : fmt, ap);
+  } catch (const std::bad_alloc&) {
+    dst[0] = '\0';  // a message is not worth an exception in a host
+  }
 }
 
 const char* base_name(const char* file) {

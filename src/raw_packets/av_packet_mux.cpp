@@ -126,12 +126,18 @@ void AVPacketMux::thread_running() {
   try {
     run();
   } catch (const std::bad_alloc& e) {
-    MERU_LOG(2, "the session ends: %s", e.what());
-    m_relay->report(AVERROR(ENOMEM), AvError(AVERROR(ENOMEM)).text);
+    fail_unexpectedly(AVERROR(ENOMEM), AvError(AVERROR(ENOMEM)).text, e.what());
   } catch (const std::exception& e) {
-    MERU_LOG(2, "the session ends: %s", e.what());
-    m_relay->report(AVERROR_UNKNOWN, e.what());
+    fail_unexpectedly(AVERROR_UNKNOWN, e.what(), e.what());
   }
+}
+
+/// Behind an exception outputs may still be written to, and one of them may have told of its failure.
+void AVPacketMux::fail_unexpectedly(int code, const char* text, const char* reason) {
+  MERU_LOG(2, "the session ends: %s", reason);
+  send_pushes_away();
+  if (m_writer != nullptr) m_writer->stop();
+  if (m_writer == nullptr || !m_writer->failed()) m_relay->report(code, text);
 }
 
 void AVPacketMux::run() {

@@ -74,6 +74,7 @@ class AVPacketMux {
   void drop_writer();
   void send_pushes_away();
   bool fail(int code, const std::string& text);
+  void fail_unexpectedly(int code, const char* text, const char* reason);
 
   void limit_outputs();
   void end_inputs();

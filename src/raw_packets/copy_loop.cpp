@@ -161,7 +161,8 @@ int CopyLoop::read(MuxInput* input) {
   return 0;
 }
 
-/// Reads into m_work, over bytes in which the demuxer finds no packet. At the end of the stream every error is the end.
+/// Reads into m_work, over bytes in which the demuxer finds no packet. At the end of the stream every error is the end,
+/// but for want of memory, which loses what is there.
 int CopyLoop::read_undamaged(MuxInput* input) {
   for (;;) {
     av_packet_unref(m_work.get());
@@ -169,6 +170,7 @@ int CopyLoop::read_undamaged(MuxInput* input) {
     const int ret = av_read_frame(input->ifmt_ctx, m_work.get());
     if (ret >= 0) return ret;
     const bool skipped = ret == AVERROR_INVALIDDATA && avio_tell(input->ifmt_ctx->pb) > before;
+    if (ret == AVERROR(ENOMEM)) return ret;
     if (!skipped) return input->buffer->m_eof || input->buffer->m_gave_way ? AVERROR_EOF : ret;
     note_damage(input, ret);
   }

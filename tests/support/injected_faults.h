@@ -108,6 +108,7 @@ class InjectedFaults : public testing::TestWithParam<Fault> {
       if (!m_notes->injected()) break;
       ++injected;
     }
+    EXPECT_GT(injected, 0) << "nothing stands in front of the calls";
     EXPECT_EQ(m_notes->all_codes(), m_undisturbed_codes) << "a run that no fault has reached";
     std::cout << testing::PrintToString(GetParam()) << ": " << calls << " calls, " << injected << " made to fail\n";
     RecordProperty("injected", static_cast<int>(injected));

@@ -97,6 +97,7 @@ void Recorder::start_session() {
   const bool network = m_outputs.any_live();
   // Connecting takes its time and can be interrupted; a file is opened at once.
   m_session = MERU_start(m_info, &on_status, this, nullptr, network);
+  if (m_session == nullptr) throw Failure("no memory for a session");
   if (network) wait_for_server();
   if (started()) check_session();
   MovieInfo effective;

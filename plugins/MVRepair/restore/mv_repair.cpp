@@ -254,7 +254,7 @@ void MVRepair::remux_packets(const char* line, FILE* broken, AVFormatContext* ou
   if (records.damaged() != nullptr) {
     MERU_LOG(2, "no record can be read in line %d: %s", parser.line_number(), records.damaged());
   }
-  if (feof(broken) != 0) return;
+  if (feof(broken) != 0 || lost_place) return;
   while (records.next(&record)) pass_over(record, broken, header);
 }
 
@@ -353,6 +353,7 @@ bool MVRepair::seek_to(const PacketRecord& record, FILE* broken) {
 /// Reads the record's bytes into the buffer, which never grows beyond what the movie holds.
 bool MVRepair::read_bytes(const PacketRecord& record, FILE* broken) {
   const bool found = seek_to(record, broken);
+  if (lost_place) return false;
   // One byte more than there is, so that the end of the file is noticed.
   const int64_t left = std::max<int64_t>(movie_size - ftello(broken), 0) + 1;
   const int ask = static_cast<int>(std::min<int64_t>(record.size, left));
@@ -364,6 +365,7 @@ bool MVRepair::read_bytes(const PacketRecord& record, FILE* broken) {
   if (got < record.size) {
     MERU_LOG(2, "读取packet数据 %d < %d(需求)，该行索引处理结束 (eof=%d, fpos=%lld) err_code=%d", got, record.size,
              feof(broken), static_cast<long long>(ftello(broken)), ferror(broken));
+    if (ferror(broken) != 0) failure = AVERROR(EIO);
     if (feof(broken) == 0) skip(broken, record.size - got);  // unreadable, or the movie has just grown
     return false;
   }
