@@ -14,6 +14,8 @@
 namespace MR {
 namespace {
 
+constexpr int kMinWidth = 64;
+constexpr int kMinHeight = 48;
 constexpr int kWeightBits = 15;
 constexpr int kChromaBits = 6;   // fraction of a row of chroma between the two passes
 constexpr int kFilterBits = 12;  // fraction of the filter's weights
@@ -136,8 +138,8 @@ std::unique_ptr<RgbToYuv> RgbToYuv::make(const ImageFormat& src, const ImageForm
   if (!blue_first && !red_first) return nullptr;
   if (!interleaved && dst.format != AV_PIX_FMT_YUV420P) return nullptr;
   if (src.width != dst.width || src.height != dst.height) return nullptr;
-  // Where rows do not come in pairs libswscale's filter is another one for each row; where they are few it is shorter.
-  if (src.width < 2 || src.height < kTaps || src.width % 2 != 0 || src.height % 2 != 0) return nullptr;
+  // Where rows do not come in pairs libswscale's filter is another one for each row; and small images are not worth it.
+  if (src.width < kMinWidth || src.height < kMinHeight || src.width % 2 != 0 || src.height % 2 != 0) return nullptr;
   if (!is_little_endian()) return nullptr;
   return std::unique_ptr<RgbToYuv>(
       new RgbToYuv(src, interleaved, make_matrix(red_first, colorspace, color_range), choose_loops(vectors)));
