@@ -165,10 +165,13 @@ int QVRescale::qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRationa
   m_time_base = tb;
   if (dst->width == src->width && dst->height == src->height && dst->format == src->format) return 0;
   m_src = {src->width, src->height, src->format};
-  m_sws = make_scaler(m_src, {dst->width, dst->height, dst->format}, dst->colorspace, dst->color_range);
-  if (m_sws != nullptr) m_out_frame.reset(av_frame_clone(dst));
+  const ImageFormat to{dst->width, dst->height, dst->format};
+  m_rgb_to_yuv = RgbToYuv::make(m_src, to, dst->colorspace, dst->color_range);
+  if (m_rgb_to_yuv == nullptr) m_sws = make_scaler(m_src, to, dst->colorspace, dst->color_range);
+  if (converts()) m_out_frame.reset(av_frame_clone(dst));
   if (m_out_frame == nullptr) {
     m_sws.reset();
+    m_rgb_to_yuv.reset();
     nuv::print_stderr("Could not initialize the conversion context\n");
     return -1;
   }
@@ -181,13 +184,17 @@ AVFrame* QVRescale::pri_convert_frame(const AVFrame* src) {
   if (src->width != m_src.width || src->height != m_src.height || src->format != m_src.format) return nullptr;
   AVFrame* out = m_out_frame.get();
   if (!make_buffers_free(out, &m_sharers)) return nullptr;
-  sws_scale(m_sws.get(), src->data, src->linesize, 0, src->height, out->data, out->linesize);
+  if (m_rgb_to_yuv != nullptr) {
+    m_rgb_to_yuv->convert(src->data[0], src->linesize[0], out->data, out->linesize);
+  } else {
+    sws_scale(m_sws.get(), src->data, src->linesize, 0, src->height, out->data, out->linesize);
+  }
   return out;
 }
 
 AVFrame* QVRescale::qv_convert_frame(AVFrame* src, const AVRational* tb) {
   if (src == nullptr) return nullptr;
-  AVFrame* out = m_sws != nullptr ? pri_convert_frame(src) : src;
+  AVFrame* out = converts() ? pri_convert_frame(src) : src;
   if (out != nullptr) out->pts = av_rescale_q(src->pts, *tb, m_time_base);
   return out;
 }

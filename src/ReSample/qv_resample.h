@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "ReSample/rgb_to_yuv.h"
 #include "common/ffmpeg_handles.h"
 #include "common/scaler.h"
 
@@ -78,12 +79,14 @@ class QVRescale {
 
  private:
   AVFrame* pri_convert_frame(const AVFrame* src);
+  bool converts() const { return m_sws != nullptr || m_rgb_to_yuv != nullptr; }
 
   SwsPtr m_sws;
   AVRational m_time_base{0, 1};
   FramePtr m_out_frame;
-  ImageFormat m_src;  // what m_sws converts from
-  int m_sharers = 0;  // references to the output frame's buffers while the encoder holds none
+  std::unique_ptr<RgbToYuv> m_rgb_to_yuv;  // in place of m_sws where the two would do the same
+  ImageFormat m_src;                       // what is converted from
+  int m_sharers = 0;                       // references to the output frame's buffers while the encoder holds none
 };
 
 }  // namespace MR
