@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
 #include "common/printf_i64.h"
 
