@@ -11,9 +11,8 @@
 #
 # The figures are medians: wall clock and processor time in seconds, peak resident memory in MiB. A ratio below 1 means
 # that meru needs less.
-set -euo pipefail
+source "$(dirname "$0")/common.sh"
 
-here=$(cd "$(dirname "$0")/.." && pwd)
 meru=$(realpath "${1:-$here/build/release/tools/meru/meru}")
 pairs=${PAIRS:-5}
 images=${IMAGES:-300}
@@ -21,79 +20,43 @@ presets=${PRESETS:-ultrafast veryfast}
 size=1920x1080
 fps=30
 
-if [[ -n ${BENCH_DIR:-} ]]; then
-  mkdir -p "$BENCH_DIR"
-  dir=$(realpath "$BENCH_DIR")
-else
-  dir=$(mktemp -d)
-  trap 'rm -rf "$dir"' EXIT
-fi
-cd "$dir"
+enter_folder
 
-ff() { ffmpeg -nostdin -v error -y "$@"; }
-
-if [[ $(stat -c %s images.bgra 2>/dev/null || echo 0) != $((1920 * 1080 * 4 * images)) ]]; then
-  ff -f lavfi -i "testsrc2=size=$size:rate=$fps" -frames:v "$images" -pix_fmt bgra -f rawvideo images.bgra
-fi
-ff -f lavfi -i "sine=frequency=440:sample_rate=48000" -t "$(awk "BEGIN { print $images / $fps }")" -ac 2 -f s16le sound.pcm
+make_images images.bgra "$size" "$fps" "$images"
+make_sound sound.pcm "$fps" "$images"
 
 raw_video=(-f rawvideo -pix_fmt bgra -video_size "$size" -framerate "$fps" -i images.bgra)
 raw_audio=(-f s16le -ar 48000 -ac 2 -i sound.pcm)
 h264=(-c:v libx264 -crf 23 -g 60 -bf 0 -pix_fmt yuv420p -sws_flags bicubic)
 
-run_ffmpeg() { # preset, sound or silent
+set_commands() {  # PRESET, "sound" or "silent": what is measured
+  local ffmpeg_sound=() codec=() meru_sound=()
   if [[ $2 == sound ]]; then
-    ff "${raw_video[@]}" "${raw_audio[@]}" "${h264[@]}" -preset "$1" -c:a aac -b:a 128k ffmpeg.mp4
-  else
-    ff "${raw_video[@]}" "${h264[@]}" -preset "$1" ffmpeg.mp4
+    ffmpeg_sound=("${raw_audio[@]}")
+    codec=(-c:a aac -b:a 128k)
+    meru_sound=(--audio-raw sound.pcm --rate 48000 --channels 2 --a-bitrate 128)
   fi
+  ffmpeg_command=(ffmpeg -nostdin -v error -y "${raw_video[@]}" "${ffmpeg_sound[@]}" "${h264[@]}" -preset "$1"
+    "${codec[@]}" ffmpeg.mp4)
+  meru_command=("$meru" record --video-raw images.bgra --size "$size" --fps "$fps" --pix-fmt bgra "${meru_sound[@]}"
+    --preset "$1" --gop 60 -o meru.mp4)
 }
 
-run_meru() {
-  local sound=()
-  if [[ $2 == sound ]]; then sound=(--audio-raw sound.pcm --rate 48000 --channels 2 --a-bitrate 128); fi
-  "$meru" record --video-raw images.bgra --size "$size" --fps "$fps" --pix-fmt bgra "${sound[@]}" \
-    --preset "$1" --gop 60 -o meru.mp4 >/dev/null
-}
-
-# Appends "wall cpu MiB" of one run to a file.
-measure() { # command, preset, sound, figures
-  local times
-  times=$(mktemp "$dir/times.XXXXXX")
-  export -f ff run_ffmpeg run_meru
-  export meru size fps
-  /usr/bin/time -o "$times" -f "%e %U %S %M" \
-    bash -c "$(declare -p raw_video raw_audio h264); $1 $2 $3"
-  awk '{ printf "%.2f %.2f %.1f\n", $1, $2 + $3, $4 / 1024 }' "$times" >>"$4"
-  rm -f "$times"
-}
-
-frames_of() {
-  ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets -of csv=p=0 "$1" | tr -d ,
-}
-
-median() { # file, column
-  awk -v c="$2" '{ print $c }' "$1" | sort -n | awk '{ v[NR] = $1 } END { print (v[int((NR + 1) / 2)] + v[int(NR / 2) + 1]) / 2 }'
-}
-
-printf '%d images of %s, %d pairs, load %s\n' "$images" "$size" "$pairs" "$(cut -d' ' -f1 /proc/loadavg)"
+printf '%d images of %s, %d pairs, load %s\n' "$images" "$size" "$pairs" "$(load)"
 printf '%-10s %-7s | %7s %7s %7s | %7s %7s %7s | %6s %6s %6s\n' preset sound \
   "ffmpeg" "cpu" "MiB" "meru" "cpu" "MiB" "wall" "cpu" "MiB"
 for preset in $presets; do
   for sound in silent sound; do
     rm -f ffmpeg.txt meru.txt
+    set_commands "$preset" "$sound"
     # Once each, unmeasured: the source is in memory and the programs are loaded.
-    run_ffmpeg "$preset" "$sound"
-    run_meru "$preset" "$sound"
-    for movie in ffmpeg.mp4 meru.mp4; do
-      if [[ $(frames_of "$movie") != "$images" ]]; then
-        echo "$movie does not hold $images images" >&2
-        exit 1
-      fi
-    done
+    measure /dev/null "${ffmpeg_command[@]}"
+    measure /dev/null "${meru_command[@]}"
+    need_frames ffmpeg.mp4 "$images"
+    need_frames meru.mp4 "$images"
     for ((i = 0; i < pairs; i++)); do
-      measure run_ffmpeg "$preset" "$sound" ffmpeg.txt
-      measure run_meru "$preset" "$sound" meru.txt
+      measure ffmpeg.txt "${ffmpeg_command[@]}"
+      measure meru.txt "${meru_command[@]}"
     done
     f=("$(median ffmpeg.txt 1)" "$(median ffmpeg.txt 2)" "$(median ffmpeg.txt 3)")
     m=("$(median meru.txt 1)" "$(median meru.txt 2)" "$(median meru.txt 3)")

@@ -10,54 +10,45 @@
 #
 # Each line: processor time in milliseconds an image (the median of the rounds; scaling from BGRA is part of it), the rate
 # that came out, and how like the source it is (SSIM, 1 is the same).
-set -euo pipefail
+source "$(dirname "$0")/common.sh"
 
-here=$(cd "$(dirname "$0")/.." && pwd)
 meru=$(realpath "${1:-$here/build/release/tools/meru/meru}")
 rounds=${ROUNDS:-3}
 images=${IMAGES:-300}
 size=1280x720
 fps=30
 
-if [[ -n ${BENCH_DIR:-} ]]; then
-  mkdir -p "$BENCH_DIR"
-  dir=$(realpath "$BENCH_DIR")
-else
-  dir=$(mktemp -d)
-  trap 'rm -rf "$dir"' EXIT
-fi
-cd "$dir"
+enter_folder
 
 # A zoom with the noise of a camera in it.
-if [[ $(stat -c %s images.bgra 2>/dev/null || echo 0) != $((1280 * 720 * 4 * images)) ]]; then
-  ffmpeg -nostdin -v error -y -f lavfi -i "mandelbrot=size=$size:rate=$fps:end_pts=$((images * 4)),noise=alls=6:allf=t" \
+if ! has_size images.bgra $((1280 * 720 * 4 * images)); then
+  ff -f lavfi -i "mandelbrot=size=$size:rate=$fps:end_pts=$((images * 4)),noise=alls=6:allf=t" \
     -frames:v "$images" -pix_fmt bgra -f rawvideo images.bgra
 fi
 
-measure() {  # NAME OPTION...
+try() {  # NAME OPTION...
   local name=$1 i
   shift
   rm -f times
   for ((i = 0; i < rounds; i++)); do
-    /usr/bin/time -a -o times -f "%U %S" "$meru" record --video-raw images.bgra --size $size --fps $fps --no-audio "$@" \
-      -o movie.mp4 >/dev/null
+    measure times "$meru" record --video-raw images.bgra --size $size --fps $fps --no-audio "$@" -o movie.mp4
   done
   local cpu rate ssim
-  cpu=$(awk -v n="$images" '{ print ($1 + $2) * 1000 / n }' times | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }')
+  cpu=$(awk -v cpu="$(median times 2)" -v n="$images" 'BEGIN { print cpu * 1000 / n }')
   rate=$(ffprobe -v error -select_streams v -show_entries stream=bit_rate -of csv=p=0 movie.mp4)
   ssim=$(ffmpeg -nostdin -i movie.mp4 -f rawvideo -pix_fmt bgra -s $size -r $fps -i images.bgra \
     -lavfi "[1]format=yuv420p[b];[0][b]ssim" -f null - 2>&1 | sed -n 's/.*All:\([0-9.]*\).*/\1/p')
   printf '%-34s %8.1f ms %8d kbit/s  %.4f\n' "$name" "$cpu" "$((rate / 1000))" "$ssim"
 }
 
-printf '%d images of %s, load %s\n' "$images" $size "$(cut -d' ' -f1 /proc/loadavg)"
-for preset in ultrafast superfast veryfast faster fast medium slow; do measure "preset $preset" --preset $preset; done
-for gop in 1 15 30 60 300; do measure "veryfast, gop $gop" --gop $gop; done
+printf '%d images of %s, load %s\n' "$images" $size "$(load)"
+for preset in ultrafast superfast veryfast faster fast medium slow; do try "preset $preset" --preset $preset; done
+for gop in 1 15 30 60 300; do try "veryfast, gop $gop" --gop $gop; done
 for rate in 1000 2000 4000; do
-  measure "veryfast, abr $rate" --rate-control abr --v-bitrate $rate
-  measure "veryfast, cbr $rate" --rate-control cbr --v-bitrate $rate
-  measure "veryfast, vbr $rate" --rate-control vbr --v-bitrate $rate
+  try "veryfast, abr $rate" --rate-control abr --v-bitrate $rate
+  try "veryfast, cbr $rate" --rate-control cbr --v-bitrate $rate
+  try "veryfast, vbr $rate" --rate-control vbr --v-bitrate $rate
 done
-for crf in 18 23 28; do measure "veryfast, cbr, crf $crf" --rate-control cbr --crf $crf; done
-for qp in 18 23 28; do measure "veryfast, cqp, qp $qp" --rate-control cqp --qp $qp; done
-for tune in zerolatency fastdecode film; do measure "veryfast, tune $tune" --tune $tune; done
+for crf in 18 23 28; do try "veryfast, cbr, crf $crf" --rate-control cbr --crf $crf; done
+for qp in 18 23 28; do try "veryfast, cqp, qp $qp" --rate-control cqp --qp $qp; done
+for tune in zerolatency fastdecode film; do try "veryfast, tune $tune" --tune $tune; done

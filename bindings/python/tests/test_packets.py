@@ -5,7 +5,7 @@ import threading
 import unittest
 
 import merulib
-from support import FolderTest, output_of, picture_sums, streams
+from support import LONG_SEC, FolderTest, output_of, picture_sums, streams
 
 
 class PacketsTest(FolderTest):
@@ -69,9 +69,15 @@ class PacketsTest(FolderTest):
 
     def test_the_start_is_told_once(self):
         told = []
+        heard = threading.Event()
+
+        def on_status(*args):
+            told.append(args)
+            heard.set()
+
         info = merulib.packet_info(self.file("movie.mp4"), audio_format=None)
-        with merulib.PacketRecorder(info, lambda *args: told.append(args)) as recorder:
-            self.assertEqual(told, [(0, "start success")])
+        with merulib.PacketRecorder(info, on_status) as recorder:
+            self.assertTrue(heard.wait(LONG_SEC))  # the start is over, its callback may not be yet
             for pushed in self.video:
                 recorder.write_video_packet(*pushed)
         self.assertEqual(told, [(0, "start success")])
