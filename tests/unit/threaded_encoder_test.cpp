@@ -86,7 +86,10 @@ TEST_P(ThreadedEncoder, EncodesEveryRescaledPictureUnchanged) {
   for (int i = 0; i < kPictures; ++i) {
     const FramePtr src = make_picture(AV_PIX_FMT_BGRA, kWidth, kHeight, i);
     src->pts = i;
-    expected.push_back(converted(src.get()));
+    const FramePtr alone = make_picture(static_cast<AVPixelFormat>(m_ost.frame->format), kWidth, kHeight);
+    MR::QVRescale once;
+    ASSERT_EQ(once.qv_config_frame(alone.get(), src.get(), kTb), 0);
+    expected.push_back(pixels(once.qv_convert_frame(src.get(), &kTb)));
     const int ret = m_enc.write_video_frame(m_oc.get(), &m_ost, rescale.qv_convert_frame(src.get(), &kTb));
     ASSERT_GE(ret, 0);
     delayed += ret == 0 ? 1 : 0;
