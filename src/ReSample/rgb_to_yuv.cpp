@@ -64,7 +64,7 @@ MERU_INLINE void filter_loop(const int16_t* const* rows, int width, uint8_t* out
 }
 
 MERU_INLINE void interleave_loop(const uint8_t* u, const uint8_t* v, int width, uint8_t* out) {
-  for (int i = 0; i < width; ++i) {
+  for (ptrdiff_t i = 0; i < width; ++i) {
     out[2 * i] = u[i];
     out[2 * i + 1] = v[i];
   }

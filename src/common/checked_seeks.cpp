@@ -29,8 +29,7 @@ int64_t CheckedSeeks::seek(void* opaque, int64_t offset, int whence) {
   return result;
 }
 
-template <class Byte>
-int CheckedSeeks::write(void* opaque, Byte* bytes, int size) {
+int CheckedSeeks::write(void* opaque, meru_compat::WrittenByte* bytes, int size) {
   if (s_current->m_error != 0) return static_cast<int>(s_current->m_error);
   return s_current->m_write(opaque, bytes, size);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/ffmpeg_compat.h"
 #include "common/ffmpeg_handles.h"
 
 /// Watches the seeks of an output while its trailer is written. Muxers go back to fill in sizes and do not look at
@@ -18,9 +19,7 @@ class CheckedSeeks {
 
  private:
   static int64_t seek(void* opaque, int64_t offset, int whence);
-  // The bytes are constant from some version of FFmpeg on.
-  template <class Byte>
-  static int write(void* opaque, Byte* bytes, int size);
+  static int write(void* opaque, meru_compat::WrittenByte* bytes, int size);
 
   static thread_local CheckedSeeks* s_current;
 

@@ -17,6 +17,13 @@ extern "C" {
 
 namespace meru_compat {
 
+/// What the write function of an I/O context is given.
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+using WrittenByte = const uint8_t;
+#else
+using WrittenByte = uint8_t;
+#endif
+
 /// Registers formats and codecs where that is still needed.
 void register_all();
 

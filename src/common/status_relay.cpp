@@ -4,6 +4,7 @@ bool StatusRelay::enter(Call* call) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   if (m_muted) return false;
   call->next = m_inside;
+  // cppcheck-suppress danglingLifetime ; the caller takes it out before its frame ends
   m_inside = call;
   return true;
 }

@@ -30,11 +30,9 @@ class Output {
  private:
   static AVIOContext* make(Output* self) {
     constexpr int kSize = 64;
-    return avio_alloc_context(static_cast<unsigned char*>(av_malloc(kSize)), kSize, 1, self, nullptr, &put<uint8_t>,
-                              &seek);
+    return avio_alloc_context(static_cast<unsigned char*>(av_malloc(kSize)), kSize, 1, self, nullptr, &put, &seek);
   }
-  template <class Byte>
-  static int put(void* opaque, Byte* data, int size) {
+  static int put(void* opaque, meru_compat::WrittenByte* data, int size) {
     auto* self = static_cast<Output*>(opaque);
     self->bytes.replace(self->m_at, static_cast<size_t>(size), reinterpret_cast<const char*>(data),
                         static_cast<size_t>(size));
