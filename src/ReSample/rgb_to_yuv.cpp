@@ -70,6 +70,8 @@ MERU_INLINE void interleave_loop(const uint8_t* u, const uint8_t* v, int width, 
   }
 }
 
+// An attribute does not stand in parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define MERU_LOOPS(NAME, TARGET)                                                                                   \
   namespace NAME {                                                                                                 \
   TARGET void luma(const uint8_t* p, int n, const RgbToYuv::Matrix& m, uint8_t* o) { luma_loop(p, n, m, o); }      \
@@ -78,6 +80,7 @@ MERU_INLINE void interleave_loop(const uint8_t* u, const uint8_t* v, int width, 
   TARGET void interleave(const uint8_t* u, const uint8_t* v, int n, uint8_t* o) { interleave_loop(u, v, n, o); }   \
   constexpr RgbToYuv::Loops kLoops{luma, chroma, filter, interleave};                                              \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 MERU_LOOPS(baseline, )
 #ifdef MERU_HAS_AVX2
