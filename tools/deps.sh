@@ -57,7 +57,7 @@ fi
 
 as_root=(env)
 if [ "$(id -u)" -ne 0 ]; then
-  if ! command -v sudo >/dev/null; then
+  if ! command -v sudo >/dev/null || ! sudo true; then
     echo "These packages are missing, and installing them needs root or sudo: ${missing[*]}" >&2
     exit 1
   fi
