@@ -15,9 +15,6 @@ cmake --build --preset dev
 step "format and static analysis"
 tests/lint.sh build/dev
 
-step "threads, stops, writers and repair under sanitizers"
-tests/sanitize.sh --quick
-
 step "tests"
 # Three at once on two cores: many tests wait for servers.
 ctest --preset dev -j3 --output-on-failure --no-tests=error
