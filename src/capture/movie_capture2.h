@@ -56,8 +56,8 @@ class MovieCapture2 : public MovieMuxer {
   RecordingClock m_clock;
   std::atomic<int64_t> m_last_audio_pts{0};
   std::atomic<int64_t> m_last_video_pts{0};
-  std::unique_ptr<IOCvt> m_iocvt;
-  std::once_flag m_iocvt_made;
+  std::unique_ptr<IOCvt> m_iocvt;  // made under m_iocvt_mutex by the first push
+  std::mutex m_iocvt_mutex;
   std::atomic<bool> m_resumed{false};  // the next audio is the first after a pause
   std::shared_ptr<StatusRelay> m_relay;
 };

@@ -99,6 +99,9 @@ class InjectedFaults : public testing::TestWithParam<Fault> {
   void run_all() {
     const long calls = run(GetParam(), 0);
     ASSERT_FALSE(HasFailure() || m_whole.empty()) << "without a fault\n" << log();
+#if !__GLIBC_PREREQ(2, 34)
+    if (calls == 0) GTEST_SKIP() << "reads of this C library's streams cannot be made to fail";
+#endif
     const bool every = std::getenv("MERU_EVERY_FAULT") != nullptr;
     const long step = every ? 1 : std::max(1L, calls / kSample);
     long injected = 0;
