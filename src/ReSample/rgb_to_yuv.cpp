@@ -40,14 +40,19 @@ MERU_INLINE void luma_loop(const uint8_t* pixels, int width, const RgbToYuv::Mat
   }
 }
 
-MERU_INLINE void chroma_loop(const uint8_t* pixels, int width, const RgbToYuv::Weights& weights, int16_t* out) {
+MERU_INLINE int16_t weighted(const int* sums, const RgbToYuv::Weights& weights) {
   constexpr int kShift = kWeightBits + 1 - kChromaBits;
-  const int w0 = weights.byte[0], w1 = weights.byte[1], w2 = weights.byte[2];
+  const int sum = sums[0] * weights.byte[0] + sums[1] * weights.byte[1] + sums[2] * weights.byte[2];
+  return static_cast<int16_t>((sum + (1 << (kShift - 1))) >> kShift);
+}
+
+MERU_INLINE void chroma_loop(const uint8_t* pixels, int width, const RgbToYuv::Matrix& matrix, int16_t* u, int16_t* v) {
+  const RgbToYuv::Weights of_u = matrix.u, of_v = matrix.v;
   for (int i = 0; i < width; ++i) {
     const uint32_t p = load(pixels, 2 * i), q = load(pixels, 2 * i + 1);
-    const int sum = (byte_of(p, 0) + byte_of(q, 0)) * w0 + (byte_of(p, 1) + byte_of(q, 1)) * w1 +
-                    (byte_of(p, 2) + byte_of(q, 2)) * w2;
-    out[i] = static_cast<int16_t>((sum + (1 << (kShift - 1))) >> kShift);
+    const int sums[] = {byte_of(p, 0) + byte_of(q, 0), byte_of(p, 1) + byte_of(q, 1), byte_of(p, 2) + byte_of(q, 2)};
+    u[i] = weighted(sums, of_u);
+    v[i] = weighted(sums, of_v);
   }
 }
 
@@ -72,13 +77,15 @@ MERU_INLINE void interleave_loop(const uint8_t* u, const uint8_t* v, int width, 
 
 // An attribute does not stand in parentheses.
 // NOLINTBEGIN(bugprone-macro-parentheses)
-#define MERU_LOOPS(NAME, TARGET)                                                                                   \
-  namespace NAME {                                                                                                 \
-  TARGET void luma(const uint8_t* p, int n, const RgbToYuv::Matrix& m, uint8_t* o) { luma_loop(p, n, m, o); }      \
-  TARGET void chroma(const uint8_t* p, int n, const RgbToYuv::Weights& w, int16_t* o) { chroma_loop(p, n, w, o); } \
-  TARGET void filter(const int16_t* const* rows, int n, uint8_t* o) { filter_loop(rows, n, o); }                   \
-  TARGET void interleave(const uint8_t* u, const uint8_t* v, int n, uint8_t* o) { interleave_loop(u, v, n, o); }   \
-  constexpr RgbToYuv::Loops kLoops{luma, chroma, filter, interleave};                                              \
+#define MERU_LOOPS(NAME, TARGET)                                                                                 \
+  namespace NAME {                                                                                               \
+  TARGET void luma(const uint8_t* p, int n, const RgbToYuv::Matrix& m, uint8_t* o) { luma_loop(p, n, m, o); }    \
+  TARGET void chroma(const uint8_t* p, int n, const RgbToYuv::Matrix& m, int16_t* u, int16_t* v) {               \
+    chroma_loop(p, n, m, u, v);                                                                                  \
+  }                                                                                                              \
+  TARGET void filter(const int16_t* const* rows, int n, uint8_t* o) { filter_loop(rows, n, o); }                 \
+  TARGET void interleave(const uint8_t* u, const uint8_t* v, int n, uint8_t* o) { interleave_loop(u, v, n, o); } \
+  constexpr RgbToYuv::Loops kLoops{luma, chroma, filter, interleave};                                            \
   }
 // NOLINTEND(bugprone-macro-parentheses)
 
@@ -164,8 +171,7 @@ void RgbToYuv::convert(const uint8_t* src, int src_linesize, uint8_t* const* pla
     const uint8_t* pixels = src + static_cast<ptrdiff_t>(row) * src_linesize;
     const auto slot = static_cast<size_t>(row % kTaps) * static_cast<size_t>(half);
     m_loops.luma(pixels, m_width, m_matrix, planes[0] + static_cast<ptrdiff_t>(row) * linesizes[0]);
-    m_loops.chroma(pixels, half, m_matrix.u, &m_u[slot]);
-    m_loops.chroma(pixels, half, m_matrix.v, &m_v[slot]);
+    m_loops.chroma(pixels, half, m_matrix, &m_u[slot], &m_v[slot]);
     // As soon as the last row that it is made of is there.
     if (row >= kTaps / 2 && row % 2 == 0) write_chroma(row / 2 - kTaps / 4, planes, linesizes);
   }

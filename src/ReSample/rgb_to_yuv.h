@@ -37,8 +37,8 @@ class RgbToYuv {
   /// The loops over a row.
   struct Loops {
     void (*luma)(const uint8_t* pixels, int width, const Matrix& matrix, uint8_t* out);
-    /// Signed, in 1/64, one for two pixels.
-    void (*chroma)(const uint8_t* pixels, int width, const Weights& weights, int16_t* out);
+    /// Signed, in 1/64, one of each for two pixels.
+    void (*chroma)(const uint8_t* pixels, int width, const Matrix& matrix, int16_t* u, int16_t* v);
     void (*filter)(const int16_t* const* rows, int width, uint8_t* out);
     void (*interleave)(const uint8_t* u, const uint8_t* v, int width, uint8_t* out);
   };
