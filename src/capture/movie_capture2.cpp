@@ -91,7 +91,7 @@ bool MovieCapture2::accepts_frames() const {
 }
 
 IOCvt* MovieCapture2::iocvt() {
-  // Not std::call_once: where threads are older than C++11, an exception leaves it locked for good.
+  // Not std::call_once: with some C libraries an exception leaves it locked for good.
   const std::lock_guard<std::mutex> lock(m_iocvt_mutex);
   if (m_iocvt == nullptr) m_iocvt = std::make_unique<IOCvt>(this);
   return m_iocvt.get();
