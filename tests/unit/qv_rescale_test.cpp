@@ -26,11 +26,10 @@ std::vector<uint8_t> plainly_scaled(const AVFrame* src, AVPixelFormat format, in
   return pixels(dst.get());
 }
 
-/// By a rescaler and into a frame of its own.
-std::vector<uint8_t> freshly_converted(AVFrame* src, AVPixelFormat format) {
-  const FramePtr dst = make_picture(format, src->width, src->height);
+/// By a rescaler of its own.
+std::vector<uint8_t> converted(AVFrame* src, const AVFrame* dst) {
   MR::QVRescale rescale;
-  EXPECT_EQ(rescale.qv_config_frame(dst.get(), src, {1, 25}), 0);
+  EXPECT_EQ(rescale.qv_config_frame(dst, src, {1, 25}), 0);
   const AVFrame* out = rescale.qv_convert_frame(src, &kUsec);
   return out != nullptr ? pixels(out) : std::vector<uint8_t>();
 }
@@ -112,12 +111,7 @@ TEST_P(TaggedEncoder, GetsPixelsThatMatchItsTags) {
   // The second is converted by loops of our own, which round in other places.
   for (const auto& [format, rounding] : {std::pair(AV_PIX_FMT_ARGB, 0), std::pair(AV_PIX_FMT_BGRA, 2)}) {
     const FramePtr src = make_picture(format, 64, 48, 5);
-    MR::QVRescale rescale;
-    ASSERT_EQ(rescale.qv_config_frame(dst.get(), src.get(), {1, 25}), 0);
-    src->pts = 0;
-    const AVFrame* out = rescale.qv_convert_frame(src.get(), &kUsec);
-    ASSERT_NE(out, nullptr);
-    const auto found = pixels(out);
+    const auto found = converted(src.get(), dst.get());
     const auto wanted = plainly_scaled(src.get(), AV_PIX_FMT_YUV420P, 64, 48, GetParam().matrix, GetParam().full);
     ASSERT_EQ(found.size(), wanted.size());
     for (size_t i = 0; i < found.size(); ++i) ASSERT_NEAR(found[i], wanted[i], rounding) << i;
@@ -165,7 +159,7 @@ TEST(QVRescaleTest, HeldFrameNeverChanges) {
     const AVFrame* out = rescale.qv_convert_frame(src.get(), &kUsec);
     ASSERT_NE(out, nullptr);
     held.emplace_back(av_frame_clone(out));
-    expected.push_back(freshly_converted(src.get(), AV_PIX_FMT_YUV420P));
+    expected.push_back(converted(src.get(), make_picture(AV_PIX_FMT_YUV420P, 64, 48).get()));
   }
   for (size_t i = 0; i < held.size(); ++i) EXPECT_EQ(pixels(held[i].get()), expected[i]) << i;
 }
