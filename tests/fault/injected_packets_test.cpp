@@ -1,8 +1,11 @@
 // A session of packets in which one call of the system fails, each one in turn.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 
+#include "support/eventually.h"
 #include "support/injected_faults.h"
 #include "support/raw_media.h"
 
@@ -51,16 +54,17 @@ class InjectedPacketsTest : public InjectedFaults {
     if (codes.back() == MERU_STATUS_OK && !logged("further output 1 ")) expect_success(file("further.mov"));
   }
 
- private:
   using Write = bool (*)(void*, void*, int, long long);
 
   static void push(Write write, void* session, RawPacket* packet) {
     write(session, packet->data.data(), static_cast<int>(packet->data.size()), packet->pts);
   }
 
-  TempDir m_sources;
   RawPackets m_video, m_audio;
   MovieInfo2 m_info{};
+
+ private:
+  TempDir m_sources;
   const std::string m_further = file("further.mov");
 };
 
@@ -69,6 +73,47 @@ TEST_P(InjectedPacketsTest, EndsAsDocumented) { run_all(); }
 INSTANTIATE_TEST_SUITE_P(Each, InjectedPacketsTest,
                          testing::Values(Fault::kOpen, Fault::kWrite, Fault::kSeek, Fault::kThread, Fault::kMemory),
                          FaultName());
+
+/// A host whose callback waits for the thread that pushes, which is more than the queues hold.
+class InjectedWaitingHostTest : public InjectedPacketsTest {
+ protected:
+  struct Waiting {
+    HostNotes* notes;
+    std::atomic<bool> pushed{false};
+  };
+
+  void prepare() override {
+    InjectedPacketsTest::prepare();
+    m_info.audio_format = nullptr;
+  }
+  void scenario(HostNotes* notes) override {
+    Waiting waiting{notes};
+    void* session = MERU2_start(m_info, &on_status, &waiting);
+    notes->returned = session != nullptr;
+    constexpr int kMoreThanIsQueued = 1000;
+    for (int i = 0; i < kMoreThanIsQueued; ++i) {
+      RawPacket& packet = m_video[static_cast<size_t>(i) % m_video.size()];
+      packet.pts = i * kUsecPerSec / 25;
+      push(&MERU2_write_video_packet, session, &packet);
+    }
+    waiting.pushed = true;
+    MERU2_stop(&session);
+  }
+
+ private:
+  static void on_status(int code, const char* text, void* user) {
+    auto* waiting = static_cast<Waiting*>(user);
+    HostNotes::on_status(code, text, waiting->notes);
+    constexpr int kPushesWait = 1;  // no code of a session: what was documented expects none above 0
+    if (code < 0 && !eventually([&] { return waiting->pushed.load(); }, std::chrono::seconds(10))) {
+      waiting->notes->note(kPushesWait, "pushes wait for the callback");
+    }
+  }
+};
+
+TEST_P(InjectedWaitingHostTest, IsNotHeldUp) { run_all(); }
+
+INSTANTIATE_TEST_SUITE_P(Each, InjectedWaitingHostTest, testing::Values(Fault::kOpen, Fault::kThread), FaultName());
 
 }  // namespace
 }  // namespace meru_test
