@@ -4,102 +4,26 @@
 #include <cmath>
 #include <cstring>
 
-// The loops are written so that the compiler vectorises them; this file is compiled with -O3 for that. On x86-64 they
-// are compiled twice, for what every processor has and for AVX2, and chosen when the conversion is made.
-#if defined(__x86_64__)
-#define MERU_HAS_AVX2 1
-#endif
-#define MERU_INLINE inline __attribute__((always_inline))
+#include "ReSample/rgb_to_yuv_loops.h"
 
 namespace MR {
+
+using namespace rgb_to_yuv;
+
 namespace {
 
 constexpr int kMinWidth = 64;
 constexpr int kMinHeight = 48;
-constexpr int kWeightBits = 15;
-constexpr int kChromaBits = 6;   // fraction of a row of chroma between the two passes
-constexpr int kFilterBits = 12;  // fraction of the filter's weights
-/// Half of the bicubic filter that libswscale halves rows with, from the middle outwards; the other half mirrors it.
-constexpr int kFilter[4] = {1786, 493, -173, -58};
-static_assert(2 * (kFilter[0] + kFilter[1] + kFilter[2] + kFilter[3]) == 1 << kFilterBits);
-
-MERU_INLINE int byte_of(uint32_t pixel, int place) { return static_cast<int>((pixel >> (8 * place)) & 0xff); }
-
-MERU_INLINE uint32_t load(const uint8_t* pixels, int place) {
-  uint32_t pixel;
-  std::memcpy(&pixel, pixels + static_cast<ptrdiff_t>(place) * 4, sizeof(pixel));
-  return pixel;
-}
-
-MERU_INLINE void luma_loop(const uint8_t* pixels, int width, const RgbToYuv::Matrix& matrix, uint8_t* out) {
-  const int w0 = matrix.y.byte[0], w1 = matrix.y.byte[1], w2 = matrix.y.byte[2], offset = matrix.y_offset;
-  for (int i = 0; i < width; ++i) {
-    const uint32_t p = load(pixels, i);
-    out[i] =
-        static_cast<uint8_t>((byte_of(p, 0) * w0 + byte_of(p, 1) * w1 + byte_of(p, 2) * w2 + offset) >> kWeightBits);
-  }
-}
-
-MERU_INLINE int16_t weighted(const int* sums, const RgbToYuv::Weights& weights) {
-  constexpr int kShift = kWeightBits + 1 - kChromaBits;
-  const int sum = sums[0] * weights.byte[0] + sums[1] * weights.byte[1] + sums[2] * weights.byte[2];
-  return static_cast<int16_t>((sum + (1 << (kShift - 1))) >> kShift);
-}
-
-MERU_INLINE void chroma_loop(const uint8_t* pixels, int width, const RgbToYuv::Matrix& matrix, int16_t* u, int16_t* v) {
-  const RgbToYuv::Weights of_u = matrix.u, of_v = matrix.v;
-  for (int i = 0; i < width; ++i) {
-    const uint32_t p = load(pixels, 2 * i), q = load(pixels, 2 * i + 1);
-    const int sums[] = {byte_of(p, 0) + byte_of(q, 0), byte_of(p, 1) + byte_of(q, 1), byte_of(p, 2) + byte_of(q, 2)};
-    u[i] = weighted(sums, of_u);
-    v[i] = weighted(sums, of_v);
-  }
-}
-
-MERU_INLINE void filter_loop(const int16_t* const* rows, int width, uint8_t* out) {
-  constexpr int kShift = kFilterBits + kChromaBits;
-  constexpr int kMiddle = (128 << kShift) + (1 << (kShift - 1));
-  const int16_t *a = rows[0], *b = rows[1], *c = rows[2], *d = rows[3];
-  const int16_t *e = rows[4], *f = rows[5], *g = rows[6], *h = rows[7];
-  for (int i = 0; i < width; ++i) {
-    const int sum = (d[i] + e[i]) * kFilter[0] + (c[i] + f[i]) * kFilter[1] + (b[i] + g[i]) * kFilter[2] +
-                    (a[i] + h[i]) * kFilter[3] + kMiddle;
-    out[i] = static_cast<uint8_t>(std::clamp(sum >> kShift, 0, 255));
-  }
-}
-
-MERU_INLINE void interleave_loop(const uint8_t* u, const uint8_t* v, int width, uint8_t* out) {
-  for (ptrdiff_t i = 0; i < width; ++i) {
-    out[2 * i] = u[i];
-    out[2 * i + 1] = v[i];
-  }
-}
-
-// An attribute does not stand in parentheses.
-// NOLINTBEGIN(bugprone-macro-parentheses)
-#define MERU_LOOPS(NAME, TARGET)                                                                                 \
-  namespace NAME {                                                                                               \
-  TARGET void luma(const uint8_t* p, int n, const RgbToYuv::Matrix& m, uint8_t* o) { luma_loop(p, n, m, o); }    \
-  TARGET void chroma(const uint8_t* p, int n, const RgbToYuv::Matrix& m, int16_t* u, int16_t* v) {               \
-    chroma_loop(p, n, m, u, v);                                                                                  \
-  }                                                                                                              \
-  TARGET void filter(const int16_t* const* rows, int n, uint8_t* o) { filter_loop(rows, n, o); }                 \
-  TARGET void interleave(const uint8_t* u, const uint8_t* v, int n, uint8_t* o) { interleave_loop(u, v, n, o); } \
-  constexpr RgbToYuv::Loops kLoops{luma, chroma, filter, interleave};                                            \
-  }
-// NOLINTEND(bugprone-macro-parentheses)
-
-MERU_LOOPS(baseline, )
-#ifdef MERU_HAS_AVX2
-MERU_LOOPS(avx2, __attribute__((target("avx2"))))
-#endif
+constexpr int kBandRows = 120;
+constexpr RgbToYuv::Loops kPlainLoops{
+    [](const uint8_t* p, int n, const RgbToYuv::Matrix& m, uint8_t* out) { luma_loop(p, n, m, out); },
+    [](const uint8_t* p, int n, const RgbToYuv::Matrix& m, int16_t* u, int16_t* v) { chroma_loop(p, n, m, u, v); },
+    [](const int16_t* const* rows, int n, uint8_t* out) { filter_loop(rows, n, out); },
+    [](const uint8_t* u, const uint8_t* v, int n, uint8_t* out) { interleave_loop(u, v, n, out); }};
 
 const RgbToYuv::Loops& choose_loops(RgbToYuv::Vectors vectors) {
-#ifdef MERU_HAS_AVX2
-  if (vectors == RgbToYuv::Vectors::kBest && __builtin_cpu_supports("avx2") != 0) return avx2::kLoops;
-#endif
-  (void)vectors;
-  return baseline::kLoops;
+  const RgbToYuv::Loops* const best = vectors == RgbToYuv::Vectors::kBest ? avx2_loops() : nullptr;
+  return best != nullptr ? *best : kPlainLoops;
 }
 
 /// `red_first` tells the order of the bytes.
@@ -156,29 +80,47 @@ std::unique_ptr<RgbToYuv> RgbToYuv::make(const ImageFormat& src, const ImageForm
 }
 
 RgbToYuv::RgbToYuv(const ImageFormat& image, bool interleaved, const Matrix& matrix, const Loops& loops)
-    : m_width(image.width), m_height(image.height), m_interleaved(interleaved), m_matrix(matrix), m_loops(loops) {
+    : m_width(image.width),
+      m_height(image.height),
+      m_interleaved(interleaved),
+      m_matrix(matrix),
+      m_loops(loops),
+      m_bands(std::max(1, m_height / kBandRows)),
+      m_work(m_bands == 1 ? 1 : SharedWork::usual_threads()),
+      m_rows(static_cast<size_t>(m_work.threads())) {
   const auto half = static_cast<size_t>(m_width) / 2;
-  m_u.resize(half * kTaps);
-  m_v.resize(half * kTaps);
-  if (m_interleaved) {
-    for (auto& row : m_pair) row.resize(half);
+  for (Rows& rows : m_rows) {
+    rows.u.resize(half * kTaps);
+    rows.v.resize(half * kTaps);
+    if (!m_interleaved) continue;
+    for (auto& row : rows.pair) row.resize(half);
   }
 }
 
 void RgbToYuv::convert(const uint8_t* src, int src_linesize, uint8_t* const* planes, const int* linesizes) {
-  const int half = m_width / 2;
-  for (int row = 0; row < m_height; ++row) {
-    const uint8_t* pixels = src + static_cast<ptrdiff_t>(row) * src_linesize;
-    const auto slot = static_cast<size_t>(row % kTaps) * static_cast<size_t>(half);
-    m_loops.luma(pixels, m_width, m_matrix, planes[0] + static_cast<ptrdiff_t>(row) * linesizes[0]);
-    m_loops.chroma(pixels, half, m_matrix, &m_u[slot], &m_v[slot]);
-    // As soon as the last row that it is made of is there.
-    if (row >= kTaps / 2 && row % 2 == 0) write_chroma(row / 2 - kTaps / 4, planes, linesizes);
-  }
-  for (int row = (m_height - 1 - kTaps / 2) / 2 + 1; row < m_height / 2; ++row) write_chroma(row, planes, linesizes);
+  const Image image{src, src_linesize, planes, linesizes};
+  m_work.run(m_bands, [&](int band, int thread) { convert_band(image, band, &m_rows[static_cast<size_t>(thread)]); });
 }
 
-void RgbToYuv::write_chroma(int row, uint8_t* const* planes, const int* linesizes) {
+void RgbToYuv::convert_band(const Image& image, int band, Rows* rows) const {
+  const int half = m_width / 2;
+  const int first = m_height / 2 * band / m_bands, end = m_height / 2 * (band + 1) / m_bands;  // rows of chroma
+  // A row of chroma needs some of the image before and behind its own two, which the bands beside this one own.
+  constexpr int kBefore = kTaps / 2 - 1, kBehind = kTaps / 2;
+  int next = first;
+  for (int row = std::max(2 * first - kBefore, 0); row < std::min(2 * end + kBehind - 1, m_height); ++row) {
+    const uint8_t* pixels = image.src + static_cast<ptrdiff_t>(row) * image.src_linesize;
+    if (row >= 2 * first && row < 2 * end) {
+      m_loops.luma(pixels, m_width, m_matrix, image.planes[0] + static_cast<ptrdiff_t>(row) * image.linesizes[0]);
+    }
+    const auto slot = static_cast<size_t>(row % kTaps) * static_cast<size_t>(half);
+    m_loops.chroma(pixels, half, m_matrix, &rows->u[slot], &rows->v[slot]);
+    if (row == 2 * next + kBehind) write_chroma(image, next++, rows);
+  }
+  while (next < end) write_chroma(image, next++, rows);
+}
+
+void RgbToYuv::write_chroma(const Image& image, int row, Rows* rows) const {
   const int half = m_width / 2;
   const int16_t* u[kTaps];
   const int16_t* v[kTaps];
@@ -186,13 +128,15 @@ void RgbToYuv::write_chroma(int row, uint8_t* const* planes, const int* linesize
     // Beyond the edges the outermost rows go on.
     const int source = std::clamp(2 * row + 1 - kTaps / 2 + tap, 0, m_height - 1);
     const auto slot = static_cast<size_t>(source % kTaps) * static_cast<size_t>(half);
-    u[tap] = &m_u[slot];
-    v[tap] = &m_v[slot];
+    u[tap] = &rows->u[slot];
+    v[tap] = &rows->v[slot];
   }
-  const auto out = [&](int plane) { return planes[plane] + static_cast<ptrdiff_t>(row) * linesizes[plane]; };
-  m_loops.filter(u, half, m_interleaved ? m_pair[0].data() : out(1));
-  m_loops.filter(v, half, m_interleaved ? m_pair[1].data() : out(2));
-  if (m_interleaved) m_loops.interleave(m_pair[0].data(), m_pair[1].data(), half, out(1));
+  const auto out = [&](int plane) {
+    return image.planes[plane] + static_cast<ptrdiff_t>(row) * image.linesizes[plane];
+  };
+  m_loops.filter(u, half, m_interleaved ? rows->pair[0].data() : out(1));
+  m_loops.filter(v, half, m_interleaved ? rows->pair[1].data() : out(2));
+  if (m_interleaved) m_loops.interleave(rows->pair[0].data(), rows->pair[1].data(), half, out(1));
 }
 
 }  // namespace MR

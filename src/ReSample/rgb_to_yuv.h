@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "ReSample/shared_work.h"
 #include "common/scaler.h"
 
 namespace MR {
@@ -11,7 +12,7 @@ namespace MR {
 /// Converts images of four bytes a pixel to 4:2:0 of the same size: what a screen recorder needs of every image, and in
 /// a fifth of the time that libswscale's general way takes. The pixels are those of libswscale with SWS_BICUBIC, but
 /// for rounding: brightness pixel by pixel, colour as the mean of two neighbours in a row and by a bicubic filter over
-/// eight rows. One image at a time.
+/// eight rows. One image at a time, in bands of rows that a few threads share.
 class RgbToYuv {
  public:
   /// What the loops are compiled for. kBest is what this processor can do.
@@ -44,18 +45,32 @@ class RgbToYuv {
   };
 
  private:
-  RgbToYuv(const ImageFormat& image, bool interleaved, const Matrix& matrix, const Loops& loops);
-  void write_chroma(int row, uint8_t* const* planes, const int* linesizes);
-
   static constexpr int kTaps = 8;
+
+  struct Image {
+    const uint8_t* src;
+    int src_linesize;
+    uint8_t* const* planes;
+    const int* linesizes;
+  };
+  /// What a thread keeps while it converts a band.
+  struct Rows {
+    std::vector<int16_t> u, v;     // the last kTaps rows; row n is at n % kTaps
+    std::vector<uint8_t> pair[2];  // a row of each, before they are interleaved
+  };
+
+  RgbToYuv(const ImageFormat& image, bool interleaved, const Matrix& matrix, const Loops& loops);
+  void convert_band(const Image& image, int band, Rows* rows) const;
+  void write_chroma(const Image& image, int row, Rows* rows) const;
 
   const int m_width;
   const int m_height;
   const bool m_interleaved;
   const Matrix m_matrix;
   const Loops m_loops;
-  std::vector<int16_t> m_u, m_v;   // the last kTaps rows; row n is at n % kTaps
-  std::vector<uint8_t> m_pair[2];  // a row of each, before they are interleaved
+  const int m_bands;
+  SharedWork m_work;
+  std::vector<Rows> m_rows;  // one for each thread
 };
 
 }  // namespace MR
