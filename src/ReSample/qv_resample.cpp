@@ -187,7 +187,7 @@ AVFrame* QVRescale::pri_convert_frame(const AVFrame* src) {
   if (m_rgb_to_yuv != nullptr) {
     m_rgb_to_yuv->convert(src->data[0], src->linesize[0], out->data, out->linesize);
   } else {
-    sws_scale(m_sws.get(), src->data, src->linesize, 0, src->height, out->data, out->linesize);
+    meru_compat::scale(m_sws.get(), src, out);
   }
   return out;
 }

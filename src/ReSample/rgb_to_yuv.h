@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "ReSample/shared_work.h"
+#include "common/shared_work.h"
 #include "common/scaler.h"
 
 namespace MR {

@@ -92,7 +92,7 @@ AVFrame* VideoEnc::check_frame_format(OutputStream* ost, AVFrame* frame) {
   }
   AVFrame* out = conversion_target(ost);
   if (out == nullptr) return nullptr;
-  sws_scale(m_sws.get(), frame->data, frame->linesize, 0, frame->height, out->data, out->linesize);
+  meru_compat::scale(m_sws.get(), frame, out);
   out->pts = frame->pts;
   out->colorspace = frame->colorspace;
   out->color_range = frame->color_range;
@@ -186,7 +186,7 @@ bool VideoEnc::paint_test_picture(AVFrame* picture, int frame_index) {
   const FramePtr yuv = alloc_picture(AV_PIX_FMT_YUV420P, src.width, src.height);
   if (yuv == nullptr || yuv->buf[0] == nullptr || av_frame_make_writable(picture) < 0) return false;
   fill_yuv_image(yuv.get(), frame_index, src.width, src.height);
-  sws_scale(m_test_sws.get(), yuv->data, yuv->linesize, 0, src.height, picture->data, picture->linesize);
+  meru_compat::scale(m_test_sws.get(), yuv.get(), picture);
   return true;
 }
 

@@ -9,6 +9,7 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
 #include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
 }
 
 #include <cstdint>
@@ -52,6 +53,11 @@ const AVSampleFormat* supported_sample_fmts(const AVCodec* codec);  // ends with
 const int* supported_sample_rates(const AVCodec* codec);            // ends with 0
 /// @return `wanted` when the encoder lists it or gives no list, else the first listed layout.
 uint64_t choose_layout(const AVCodec* codec, uint64_t wanted);
+
+// --- images ---
+
+/// Scales a whole image, on all threads of the context where libswscale has them.
+void scale(SwsContext* sws, const AVFrame* src, AVFrame* dst);
 
 // --- packets and files ---
 

@@ -1,8 +1,13 @@
 #include "common/scaler.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "common/ffmpeg_compat.h"
+#include "common/shared_work.h"
 
 extern "C" {
+#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -26,13 +31,33 @@ void use_named_colours(SwsContext* sws, const ImageFormat& src, int colorspace, 
                            dst_matrix, dst_full, 0, 1 << 16, 1 << 16);
 }
 
+/// Threads that take turns at small images cost more than they save.
+int threads_for(const ImageFormat& src, const ImageFormat& dst) {
+  constexpr int64_t kWorthThreads = 640 * 360;
+  const int64_t most = std::max(int64_t{src.width} * src.height, int64_t{dst.width} * dst.height);
+  return most >= kWorthThreads ? SharedWork::usual_threads() : 1;
+}
+
+SwsPtr make_context(const ImageFormat& src, const ImageFormat& dst, int threads) {
+  SwsPtr sws(sws_alloc_context());
+  if (sws == nullptr) return nullptr;
+  const std::pair<const char*, int> options[] = {
+      {"srcw", src.width},  {"srch", src.height},       {"src_format", src.format}, {"dstw", dst.width},
+      {"dsth", dst.height}, {"dst_format", dst.format}, {"sws_flags", SWS_BICUBIC}};
+  for (const auto& [name, value] : options) {
+    if (av_opt_set_int(sws.get(), name, value, 0) < 0) return nullptr;
+  }
+  if (threads > 1) av_opt_set_int(sws.get(), "threads", threads, 0);  // unknown to FFmpeg 4
+  return sws_init_context(sws.get(), nullptr, nullptr) >= 0 ? std::move(sws) : nullptr;
+}
+
 }  // namespace
 
 SwsPtr make_scaler(const ImageFormat& src, const ImageFormat& dst, int colorspace, int color_range) {
   // libswscale asserts on numbers that are no pixel format, so they are kept away from it.
   if (!is_known(src, sws_isSupportedInput) || !is_known(dst, sws_isSupportedOutput)) return nullptr;
-  SwsPtr sws(sws_getContext(src.width, src.height, static_cast<AVPixelFormat>(src.format), dst.width, dst.height,
-                            static_cast<AVPixelFormat>(dst.format), SWS_BICUBIC, nullptr, nullptr, nullptr));
+  SwsPtr sws = make_context(src, dst, threads_for(src, dst));
+  if (sws == nullptr) sws = make_context(src, dst, 1);  // the system may give no threads
   const bool named = (colorspace != AVCOL_SPC_UNSPECIFIED && colorspace != AVCOL_SPC_RGB) || color_range != 0;
   if (sws != nullptr && named && is_yuv(dst.format)) use_named_colours(sws.get(), src, colorspace, color_range);
   return sws;

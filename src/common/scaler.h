@@ -14,6 +14,7 @@ struct ImageFormat {
 /// When a colour space other than "unspecified" or a colour range is named, the scaler computes with that matrix and
 /// range, so that the pixels are what the stream's tags say; images that are YUV already are then taken to be tagged
 /// right and keep their values. When neither is named the scaler's defaults hold.
+/// Large images are worth several threads: meru_compat::scale uses them.
 /// @return null when libswscale cannot convert between the two
 SwsPtr make_scaler(const ImageFormat& src, const ImageFormat& dst, int colorspace, int color_range);
 

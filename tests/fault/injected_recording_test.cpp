@@ -63,6 +63,19 @@ INSTANTIATE_TEST_SUITE_P(Each, InjectedRecordingTest,
                          testing::Values(Fault::kOpen, Fault::kWrite, Fault::kSeek, Fault::kThread, Fault::kMemory),
                          FaultName());
 
+/// The same with images that are worth threads of their own.
+class InjectedLargeImagesTest : public InjectedRecordingTest {
+ protected:
+  void begin() override {
+    InjectedRecordingTest::begin();
+    m_recording.emplace(file("movie.mp4"), file("movie.index"), file("further.mov"), 640, 480);
+  }
+};
+
+TEST_P(InjectedLargeImagesTest, EndsAsDocumented) { run_all(); }
+
+INSTANTIATE_TEST_SUITE_P(Each, InjectedLargeImagesTest, testing::Values(Fault::kThread), FaultName());
+
 /// The same with a start on a thread of its own, which may end without a word.
 class InjectedAsyncStartTest : public InjectedRecordingTest {
  protected:

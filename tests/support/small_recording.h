@@ -14,8 +14,12 @@ constexpr int kRecordedPictures = 12;
 /// asks for no memory while calls are counted.
 class SmallRecording {
  public:
-  SmallRecording(const std::string& movie, const std::string& index, const std::string& further) : m_further(further) {
+  SmallRecording(const std::string& movie, const std::string& index, const std::string& further, int width = 64,
+                 int height = 48)
+      : m_further(further) {
     info = small_movie(movie);
+    info.width = info.width_src = width;
+    info.height = info.height_src = height;
     info.tune = TUNE_ZEROLATENCY;
     set_text(info.snapshot_path, index);
     if (!further.empty()) info.other_urls[0] = m_further.c_str();

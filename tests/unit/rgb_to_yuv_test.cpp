@@ -249,11 +249,28 @@ TEST(RgbToYuvTest, RowsMayBeStoredBottomUpAndWithGaps) {
   EXPECT_EQ(pixels(dst.get()), converted(src.get(), AV_PIX_FMT_YUV420P, kPlain, RgbToYuv::Vectors::kBest));
 }
 
+/// Rows that end within a vector of any length, and images of one band, of two and of many.
 TEST(RgbToYuvTest, VectorsOfEveryKindGiveTheSamePixels) {
-  const FramePtr src = make_picture(AV_PIX_FMT_BGRA, 642, 362);
+  for (const auto& [width, height] : {std::pair(64, 48), std::pair(66, 238), std::pair(78, 240), std::pair(642, 362),
+                                      std::pair(94, 1082), std::pair(126, 1440)}) {
+    SCOPED_TRACE(width);
+    const FramePtr src = make_picture(AV_PIX_FMT_BGRA, width, height);
+    paint_noise(src.get());
+    for (const Colours& colours : kColours) {
+      for (const AVPixelFormat format : {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P}) {
+        EXPECT_EQ(converted(src.get(), format, colours, RgbToYuv::Vectors::kBest),
+                  converted(src.get(), format, colours, RgbToYuv::Vectors::kBaseline))
+            << colours.name;
+      }
+    }
+  }
+}
+
+TEST(RgbToYuvTest, BandsLeaveNoSeam) {
+  const FramePtr src = make_picture(AV_PIX_FMT_BGRA, 64, 1082);
   paint_noise(src.get());
-  EXPECT_EQ(converted(src.get(), AV_PIX_FMT_NV12, kPlain, RgbToYuv::Vectors::kBest),
-            converted(src.get(), AV_PIX_FMT_NV12, kPlain, RgbToYuv::Vectors::kBaseline));
+  expect_alike(converted(src.get(), AV_PIX_FMT_YUV420P, kPlain, RgbToYuv::Vectors::kBest),
+               scaled(src.get(), AV_PIX_FMT_YUV420P, kPlain), size_t{64} * 1082);
 }
 
 TEST(RgbToYuvTest, GreyHasNoColourAndTheEndsAreReached) {

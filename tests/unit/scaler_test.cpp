@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
+#include "common/ffmpeg_compat.h"
 #include "support/case_name.h"
 #include "support/media_frames.h"
 
@@ -37,8 +41,42 @@ std::vector<uint8_t> scaled(const AVFrame* src, AVPixelFormat format, int w, int
   const SwsPtr sws = make_scaler({src->width, src->height, src->format}, {w, h, format}, colorspace, range);
   if (sws == nullptr) return {};
   const FramePtr dst = make_picture(format, w, h);
-  sws_scale(sws.get(), src->data, src->linesize, 0, src->height, dst->data, dst->linesize);
+  meru_compat::scale(sws.get(), src, dst.get());
   return pixels(dst.get());
+}
+
+/// Large enough for several threads.
+class LargeImages : public testing::TestWithParam<ImageFormat> {};
+
+TEST_P(LargeImages, PixelsAreThoseOfOneThread) {
+  const auto [w, h, format] = GetParam();
+  const FramePtr src = make_picture(AV_PIX_FMT_BGRA, 1281, 723);
+  std::minstd_rand random(1);
+  std::generate_n(src->data[0], static_cast<ptrdiff_t>(src->linesize[0]) * src->height,
+                  [&] { return static_cast<uint8_t>(random() >> 8); });
+  const Details screen{SWS_CS_DEFAULT, 1}, movie{SWS_CS_ITU709, 1};
+  const auto pixel_format = static_cast<AVPixelFormat>(format);
+  EXPECT_EQ(scaled(src.get(), pixel_format, w, h, AVCOL_SPC_BT709, AVCOL_RANGE_JPEG),
+            scaled_by_hand(src.get(), pixel_format, w, h, &screen, &movie));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, LargeImages,
+                         testing::Values(ImageFormat{852, 480, AV_PIX_FMT_YUV420P},
+                                         ImageFormat{853, 479, AV_PIX_FMT_NV12},
+                                         ImageFormat{1280, 722, AV_PIX_FMT_YUV422P},
+                                         ImageFormat{1281, 723, AV_PIX_FMT_YUV444P}));
+
+TEST(ScalerTest, ImagesInTheHostsMemoryAreReadWhereTheyAre) {
+  const FramePtr owner = make_picture(AV_PIX_FMT_BGRA, 1280, 720);
+  const FramePtr src(av_frame_alloc());
+  src->width = owner->width;
+  src->height = owner->height;
+  src->format = owner->format;
+  src->data[0] = owner->data[0];
+  src->linesize[0] = owner->linesize[0];
+  EXPECT_EQ(scaled(src.get(), AV_PIX_FMT_YUV420P, 640, 360, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_UNSPECIFIED),
+            scaled(owner.get(), AV_PIX_FMT_YUV420P, 640, 360, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_UNSPECIFIED));
+  EXPECT_EQ(src->buf[0], nullptr);
 }
 
 TEST(ScalerTest, NothingNamedMeansTheDefaults) {

@@ -1,9 +1,7 @@
-#include "ReSample/shared_work.h"
+#include "common/shared_work.h"
 
 #include <algorithm>
 #include <system_error>
-
-namespace MR {
 
 namespace {
 
@@ -62,5 +60,3 @@ void SharedWork::take_pieces(int thread, std::unique_lock<std::mutex>* lock) {
     --m_running;
   }
 }
-
-}  // namespace MR

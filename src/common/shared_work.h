@@ -6,8 +6,6 @@
 #include <thread>
 #include <vector>
 
-namespace MR {
-
 /// Does jobs that come in pieces on the caller's thread and on some of its own, which sleep from one job to the next.
 /// Whoever is free takes the next piece: threads that the system keeps waiting hold nobody up for longer than a piece.
 class SharedWork {
@@ -42,5 +40,3 @@ class SharedWork {
   bool m_over = false;
   std::vector<std::thread> m_helpers;  // last: they use the others
 };
-
-}  // namespace MR
