@@ -31,7 +31,7 @@ MERU_AVX2 MERU_INLINE Pairs pairs_of(__m256i pixels) {
 }
 
 MERU_AVX2 MERU_INLINE __m256i weight_pair(int low, int high) {
-  return _mm256_set1_epi32((low & 0xffff) | (high << 16));
+  return _mm256_set1_epi32((low & 0xffff) | (high * 0x10000));
 }
 
 /// The fourth byte counts for nothing.

@@ -68,6 +68,11 @@ MovieMuxer::~MovieMuxer() {
     m_snapshot.reset();
     MERU_LOG(4, "delete moov OK");
   }
+  if (m_oc != nullptr) {
+    // Nobody has stopped it: its output is given back, without what its encoders still hold.
+    m_writer->stop();
+    if ((m_oc->oformat->flags & AVFMT_NOFILE) == 0) avio_closep(&m_oc->pb);
+  }
   MERU_LOG(4, "~movie muxer OK");
 }
 
