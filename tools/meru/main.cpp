@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -10,6 +9,7 @@
 #include "console.h"
 #include "control.h"
 #include "diagnostics.h"
+#include "exit_notice.h"
 #include "failure.h"
 #include "index_command.h"
 #include "meru/export.h"
@@ -23,19 +23,6 @@ namespace {
 using namespace meru_tool;
 
 constexpr int kUsageStatus = 2;
-
-// Read when the process ends, so it is never destroyed.
-std::atomic<const Diagnostics*> g_recording{nullptr};
-
-/// Some failures of the library end the process. The user still gets the one line, and the terminal its mode.
-void at_exit() {
-  restore_terminal();
-  const Diagnostics* diagnostics = g_recording;
-  if (diagnostics == nullptr) return;
-  const std::string reason = diagnostics->last_failure();
-  Console::instance().error(reason.empty() ? "the library ended the recording"
-                                           : "the library ended the recording: " + reason);
-}
 
 /// A closed standard descriptor would be given to the next file that is opened, and prints would go into it.
 void fill_standard_descriptors() {
@@ -55,7 +42,7 @@ void on_cut_source(int) {
 
 int record(const CLI::App& cmd, const RecordOptions& options) {
   check_options(cmd, options);
-  static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // at_exit() may still need it
+  static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // for the ExitNotice
   std::vector<std::string> shortcomings;
   {
     Recorder recorder(options, diagnostics);
@@ -63,14 +50,8 @@ int record(const CLI::App& cmd, const RecordOptions& options) {
     const Control control(
         keys, [&] { recorder.toggle_pause(); }, [&] { recorder.stop(); });
     std::signal(SIGBUS, &on_cut_source);
-    g_recording = diagnostics;
-    try {
-      recorder.run();
-    } catch (...) {
-      g_recording = nullptr;
-      throw;
-    }
-    g_recording = nullptr;
+    const ExitNotice notice(diagnostics);
+    recorder.run();
     shortcomings = recorder.shortcomings();
   }
   for (const std::string& text : shortcomings) Console::instance().error(text);
@@ -107,7 +88,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   fill_standard_descriptors();
   Console& console = Console::instance();
-  std::atexit(&at_exit);
+  std::atexit(&ExitNotice::at_exit);
   try {
     return run(argc, argv);
   } catch (const UsageError& e) {
