@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "support/case_name.h"
+#include "support/cut_movie.h"
 #include "support/index_reader.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
@@ -22,14 +23,6 @@ namespace {
 constexpr int kUsage = 2;
 constexpr int kFailure = 1;
 constexpr int kStopped = 130;
-
-/// A movie without its own table: everything up to it, as a kill leaves it.
-void cut_before_table(const std::string& movie, const std::string& broken) {
-  const std::string bytes = read_file(movie);
-  const size_t table = bytes.rfind("moov");
-  if (table == std::string::npos) throw std::runtime_error("no table in " + movie);
-  write_file(broken, bytes.substr(0, table - 4));
-}
 
 class MeruRepairTest : public testing::Test {
  protected:

@@ -29,7 +29,7 @@ expected_values() {  # HELP_LINE: in the words of _meru_values
 }
 
 checked=0
-for subcommand in '' record remux repair index; do
+for subcommand in '' record remux repair recover index; do
   known=$(_meru_options "$subcommand" | tr ' ' '\n' | sort)
   said=$(help_lines "$subcommand" | sed 's/[ =].*//' | tr ',' '\n' | sort)
   [ "$known" = "$said" ] || fail "options of meru $subcommand: $(diff <(echo "$known") <(echo "$said"))"
@@ -57,8 +57,8 @@ completes() {  # EXPECTED WORD...
   [ "$found" = "$expected" ] || fail "meru $* completes to '$found', not '$expected'"
 }
 touch 'cut one.mp4' cut.index
-completes 'index|record|remux|repair' ''
-completes 'record|remux|repair' re
+completes 'index|record|recover|remux|repair' ''
+completes 'record|recover|remux|repair' re
 completes '--version' --v
 completes '--preset|--profile|--progress' record --pr
 completes '--verbose' repair --v
@@ -70,5 +70,7 @@ completes '' record --test ''
 completes 'cut one.mp4|cut.index' record --test -o cu
 completes 'cut one.mp4|cut.index' repair cu
 completes 'cut.index' remux --log cut.
+mkdir cuts
+completes 'cuts' recover cu
 [ "$(complete -p meru)" = 'complete -F _meru meru' ] || fail "the completion is not bound to the command"
 echo "words are completed"

@@ -17,6 +17,7 @@
 #include "recorder.h"
 #include "remux_command.h"
 #include "repair_command.h"
+#include "screen/recover_command.h"
 
 namespace {
 
@@ -65,10 +66,12 @@ int run(int argc, char** argv) {
   RecordOptions options;
   RemuxOptions remux_options;
   RepairOptions repair_options;
+  RecoverOptions recover_options;
   IndexOptions index_options;
   const CLI::App* record_command = add_record_command(&app, &options);
   const CLI::App* remux_command = add_remux_command(&app, &remux_options);
   const CLI::App* repair_command = add_repair_command(&app, &repair_options);
+  const CLI::App* recover_command = add_recover_command(&app, &recover_options);
   const CLI::App* index_command = add_index_command(&app, &index_options);
   try {
     app.parse(argc, argv);
@@ -79,6 +82,7 @@ int run(int argc, char** argv) {
   }
   if (remux_command->parsed()) return remux(remux_options);
   if (repair_command->parsed()) return repair(repair_options);
+  if (recover_command->parsed()) return recover(recover_options);
   if (index_command->parsed()) return show_index(index_options);
   return record(*record_command, options);
 }

@@ -30,6 +30,7 @@ _meru_options() {  # SUBCOMMAND
         --progress --log --verbose
       ;;
     repair) echo -h --help --json --force --log --verbose ;;
+    recover) echo -h --help --log --verbose ;;
     index) echo -h --help --json ;;
     *) echo -h --help --version ;;
   esac
@@ -40,7 +41,7 @@ _meru() {
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      record | remux | repair | index)
+      record | remux | repair | recover | index)
         subcommand=${COMP_WORDS[i]}
         break
         ;;
@@ -64,7 +65,10 @@ _meru() {
   if [ -z "$values" ] && [[ $word == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$(_meru_options "$subcommand")" -- "$word")
   elif [ -z "$subcommand" ]; then
-    mapfile -t COMPREPLY < <(compgen -W 'record remux repair index' -- "$word")
+    mapfile -t COMPREPLY < <(compgen -W 'record remux repair recover index' -- "$word")
+  elif [ -z "$values" ] && [ "$subcommand" = recover ]; then
+    compopt -o filenames
+    mapfile -t COMPREPLY < <(compgen -d -- "$word")
   elif [ -n "$values" ] || [ "$subcommand" != record ]; then
     compopt -o filenames
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
