@@ -10,12 +10,14 @@ packages=(
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libavfilter-dev libavdevice-dev libpostproc-dev
   libcli11-dev nlohmann-json3-dev ffmpeg help2man
+  libxcb1-dev libxcb-shm0-dev libxcb-xfixes0-dev libpulse-dev
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   doxygen
   clang-format clang-tidy clang cppcheck gcovr binutils time
   nginx
+  xvfb xterm x11-apps x11-xserver-utils pulseaudio pulseaudio-utils
   python3 dpkg-dev file man-db
 )
 matrix_packages=(debootstrap git rsync)

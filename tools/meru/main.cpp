@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "console.h"
 #include "control.h"
@@ -18,6 +19,7 @@
 #include "remux_command.h"
 #include "repair_command.h"
 #include "screen/recover_command.h"
+#include "screen/screen_command.h"
 
 namespace {
 
@@ -68,6 +70,8 @@ int run(int argc, char** argv) {
   RepairOptions repair_options;
   RecoverOptions recover_options;
   IndexOptions index_options;
+  ScreenOptions screen_options;
+  const CLI::App* screen_command = add_screen_command(&app, &screen_options);
   const CLI::App* record_command = add_record_command(&app, &options);
   const CLI::App* remux_command = add_remux_command(&app, &remux_options);
   const CLI::App* repair_command = add_repair_command(&app, &repair_options);
@@ -80,6 +84,7 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     throw UsageError(std::string(e.what()) + " (see --help)");
   }
+  if (screen_command->parsed()) return record_screen(*screen_command, std::move(screen_options));
   if (remux_command->parsed()) return remux(remux_options);
   if (repair_command->parsed()) return repair(repair_options);
   if (recover_command->parsed()) return recover(recover_options);
