@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/eventually.h"
+
 namespace meru_test {
 
 inline int64_t steady_usec() {
@@ -42,11 +44,13 @@ class PulsePlayer {
                                  &attributes, &error));
     if (m_stream == nullptr) throw std::runtime_error(std::string("cannot play: ") + pa_strerror(error));
     m_thread = std::thread([this] { play(); });
+    // More than is kept: it is heard by now. A sink that had nothing to play begins after seconds only.
+    if (!eventually([this] { return m_written > kRate / 2; })) {
+      stop();
+      throw std::runtime_error("nothing is played");
+    }
   }
-  ~PulsePlayer() {
-    m_stopped = true;
-    m_thread.join();
-  }
+  ~PulsePlayer() { stop(); }
   PulsePlayer(const PulsePlayer&) = delete;
   PulsePlayer& operator=(const PulsePlayer&) = delete;
 
@@ -72,6 +76,10 @@ class PulsePlayer {
 
   static bool is_click(int64_t n) { return n % kRate >= kClick; }
 
+  void stop() {
+    m_stopped = true;
+    m_thread.join();
+  }
   void play() {
     std::vector<int16_t> pcm(kPiece);
     int error = 0;
@@ -79,6 +87,7 @@ class PulsePlayer {
       for (int64_t i = 0; i < kPiece; ++i) pcm[static_cast<size_t>(i)] = m_wave(n + i);
       if (n % kRate == kClick) note_click();
       if (pa_simple_write(m_stream.get(), pcm.data(), pcm.size() * sizeof(int16_t), &error) < 0) return;
+      m_written = n + kPiece;
     }
   }
   /// What is written now is heard when all before it has been.
@@ -96,6 +105,7 @@ class PulsePlayer {
   const Wave m_wave;
   std::unique_ptr<pa_simple, Free> m_stream;
   std::atomic<bool> m_stopped{false};
+  std::atomic<int64_t> m_written{0};  // samples
   std::mutex m_mutex;
   std::vector<int64_t> m_heard;  // guarded by m_mutex
   std::thread m_thread;
