@@ -19,6 +19,7 @@ namespace meru_test {
 namespace {
 
 constexpr int kFailure = 1;
+constexpr int kStopped = 130;
 
 class MeruRecoverTest : public testing::Test {
  protected:
@@ -234,6 +235,20 @@ TEST_F(MeruRecoverTest, WhatIsNoFolderIsOneLine) {
     EXPECT_EQ(run.err.rfind(std::string("meru: cannot look into ") + folder, 0), 0U) << run.err;
   }
   EXPECT_EQ(m_folder.run("recover").status, 2);
+}
+
+TEST_F(MeruRecoverTest, CtrlCEndsItAndTheIndexStays) {
+  leave_behind("talk.mp4");
+  make_long(video("talk.mp4.meru-index"), 16000, video("first.mp4"), video("first.mp4.meru-index"));
+  ToolProcess process(m_folder, "videos", -1, "recover");
+  ASSERT_TRUE(process.catches(SIGINT));
+  process.send(SIGINT);
+  EXPECT_EQ(process.wait(), kStopped);
+  EXPECT_NE(process.err().find("cannot repair videos/first.mp4: stopped"), std::string::npos) << process.err();
+  EXPECT_FALSE(has("first.repaired.mp4"));
+  EXPECT_FALSE(has("talk.repaired.mp4")) << "the next one was begun";
+  EXPECT_TRUE(has("first.mp4.meru-index"));
+  EXPECT_TRUE(has("talk.mp4.meru-index"));
 }
 
 TEST_F(MeruRecoverTest, DiagnosticsGoToTheLog) {

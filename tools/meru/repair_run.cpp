@@ -193,7 +193,7 @@ RepairResult run_repair(const RepairFiles& files, const RepairShow& show) {
   RepairLog log(show.verbose);
   RepairRun run(files, show.progress);
   run.run();
-  const RepairResult result = result_of(run, log, files);
+  RepairResult result = result_of(run, log, files);
   // A file that nothing can play would only stand in the way of the next try.
   if (run.code() >= 0 && log.packets() == 0 && !is_network(files.output)) unlink(plain_path(files.output).c_str());
   return result;
