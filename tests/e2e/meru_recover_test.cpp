@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -11,6 +9,7 @@
 
 #include "support/case_name.h"
 #include "support/cut_movie.h"
+#include "support/held_file.h"
 #include "support/index_reader.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
@@ -110,20 +109,6 @@ TEST_F(MeruRecoverTest, RunningRecordingIsLeftAlone) {
   EXPECT_EQ(decode_errors(video("talk.mp4")), "");
 }
 
-/// Holds a file the way a recorder does, until it is destroyed.
-class Held {
- public:
-  Held(const std::string& path, int flags, bool locked) : m_fd(open(path.c_str(), flags | O_CLOEXEC)) {
-    if (m_fd < 0 || (locked && flock(m_fd, LOCK_EX | LOCK_NB) != 0)) throw std::runtime_error("not held: " + path);
-  }
-  ~Held() { close(m_fd); }
-  Held(const Held&) = delete;
-  Held& operator=(const Held&) = delete;
-
- private:
-  int m_fd;
-};
-
 struct HeldCase {
   const char* name;
   const char* file;
@@ -135,7 +120,7 @@ class MeruRecoverHeldTest : public MeruRecoverTest, public testing::WithParamInt
 TEST_P(MeruRecoverHeldTest, IsLeftAloneUntilItIsFree) {
   leave_behind("talk.mp4");
   {
-    const Held held(video(GetParam().file), GetParam().flags, GetParam().locked);
+    const HeldFile held(video(GetParam().file), GetParam().flags, GetParam().locked);
     const ToolRun run = recover();
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "left alone: videos/talk.mp4.meru-index is in use\n");
@@ -154,8 +139,8 @@ INSTANTIATE_TEST_SUITE_P(Ways, MeruRecoverHeldTest,
 
 TEST_F(MeruRecoverTest, ReaderOfTheMovieDoesNotHoldItBack) {
   leave_behind("talk.mp4");
-  const Held movie(video("talk.mp4"), O_RDONLY, false);
-  const Held index(video("talk.mp4.meru-index"), O_RDONLY, false);
+  const HeldFile movie(video("talk.mp4"), O_RDONLY, false);
+  const HeldFile index(video("talk.mp4.meru-index"), O_RDONLY, false);
   EXPECT_EQ(recover().status, 0);
   EXPECT_TRUE(has("talk.repaired.mp4"));
 }

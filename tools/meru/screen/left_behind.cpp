@@ -72,7 +72,7 @@ class Recovery {
   int run() const {
     const std::optional<IndexLock> lock = IndexLock::to_repair(m_index);
     if (!lock.has_value() || is_being_written(m_movie)) {
-      m_talk.say("left alone: " + m_index + " is in use");
+      if (m_talk.tell_of_used) m_talk.say("left alone: " + m_index + " is in use");
       return EXIT_SUCCESS;
     }
     m_talk.say("found " + m_index + ": the recording of " + m_movie + " did not come to its end");
@@ -170,7 +170,7 @@ void recover_left_behind(const std::string& folder) {
   try {
     const KeptOutputs kept;
     const Diagnostics diagnostics("", false);
-    result = recover_folder(folder.empty() ? "." : folder, {tell, tell, {false, false}});
+    result = recover_folder(folder.empty() ? "." : folder, {tell, tell, {false, false}, false});
   } catch (const Failure& e) {
     tell(e.what());
   }

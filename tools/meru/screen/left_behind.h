@@ -17,6 +17,7 @@ struct RecoverTalk {
   std::function<void(const std::string&)> say;
   std::function<void(const std::string&)> complain;  ///< of what could not be repaired
   RepairShow show;
+  bool tell_of_used = true;  ///< whether an index that is in use is worth a line
 };
 
 struct RecoverResult {

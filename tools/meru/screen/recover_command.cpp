@@ -33,7 +33,8 @@ int recover(const RecoverOptions& options) {
   if (options.verbose && options.log.empty()) dup2(STDERR_FILENO, STDOUT_FILENO);
   const RecoverTalk talk{[&](const std::string& text) { console.line(text); },
                          [&](const std::string& text) { console.error(text); },
-                         {true, options.verbose}};
+                         {true, options.verbose},
+                         true};
   const RecoverResult result = recover_folder(options.folder, talk);
   if (result.found == 0) console.line("nothing was left behind in " + options.folder);
   return result.exit_code;
