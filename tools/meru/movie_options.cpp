@@ -147,7 +147,7 @@ void add_encoder_options(CLI::App* cmd, MovieOptions* o) {
 
 void add_running_options(CLI::App* cmd, MovieOptions* o) {
   const char* group = "Running";
-  cmd->add_option("--seconds", o->seconds, "Stop after this much recorded time; else at the end of the sources")
+  cmd->add_option("--seconds", o->seconds, "Stop by itself after this much recorded time")
       ->type_name("SEC")
       ->group(group);
   cmd->add_option("--progress", o->progress_ms, "Milliseconds from one line of progress to the next (1000)")

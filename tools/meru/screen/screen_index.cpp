@@ -38,14 +38,14 @@ std::string ScreenIndex::path_for(const ScreenOptions& options) {
   return plays_when_cut(options.output) ? "" : options.output + kIndexSuffix;
 }
 
-ScreenIndex::ScreenIndex(std::string movie, std::string path) : m_path(std::move(path)) {
+ScreenIndex::ScreenIndex(const std::string& movie, std::string path) : m_path(std::move(path)) {
   if (is_network(movie)) return;
   const std::string folder = std::filesystem::path(movie).parent_path().string();
   recover_left_behind(folder);
   for (const std::string& index : {m_path, movie + kIndexSuffix}) {
     if (!exists(index) || !exists(movie)) continue;
-    throw Failure(movie + " is being recorded, or was cut short and is not repaired: its index is " + index +
-                  "; record into another file, or move both away");
+    std::string text = movie + " is being recorded, or was cut short and is not repaired: its index is " + index;
+    throw Failure(text.append("; record into another file, or move both away"));
   }
   if (!m_path.empty()) m_lock = IndexLock::to_record(m_path);
 }

@@ -17,7 +17,7 @@ class ScreenIndex {
 
   /// Repairs what crashes have left in the movie's folder. Throws a Failure when the movie is one that was cut short
   /// and could not be repaired, because the recording would replace it.
-  ScreenIndex(std::string movie, std::string path);
+  ScreenIndex(const std::string& movie, std::string path);
 
   /// The movie is complete.
   void remove() const;

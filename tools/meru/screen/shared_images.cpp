@@ -18,7 +18,7 @@ SharedImages::SharedImages(xcb_connection_t* connection, size_t image_bytes, siz
   const int id = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
   if (id < 0) throw Failure("no memory to share with the display: " + error_text(errno));
   void* memory = shmat(id, nullptr, 0);
-  const bool mapped = memory != reinterpret_cast<void*>(-1);
+  const bool mapped = reinterpret_cast<intptr_t>(memory) != -1;
   const XcbError error(mapped ? xcb_request_check(connection, xcb_shm_attach_checked(connection, m_segment,
                                                                                      static_cast<uint32_t>(id), 0))
                               : nullptr);

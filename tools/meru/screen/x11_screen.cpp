@@ -15,6 +15,15 @@ namespace {
 
 constexpr int kMostLooks = 5;
 
+/// Empty when there is none.
+std::string display_of_environment() {
+  char* host = nullptr;
+  int display = 0, screen = 0;
+  if (xcb_parse_display(nullptr, &host, &display, &screen) == 0) return {};
+  const XcbReply<char> owned(host);
+  return host + (":" + std::to_string(display)) + "." + std::to_string(screen);
+}
+
 const xcb_screen_t* screen_of(xcb_connection_t* connection, int number) {
   auto screens = xcb_setup_roots_iterator(xcb_get_setup(connection));
   for (; screens.rem > 0 && number > 0; --number) xcb_screen_next(&screens);
@@ -56,9 +65,8 @@ X11Screen::X11Screen(const ScreenWish& wish) : m_pointer(wish.pointer) {
 X11Screen::~X11Screen() = default;
 
 void X11Screen::connect(const std::string& display) {
-  const char* variable = std::getenv("DISPLAY");
-  m_name = !display.empty() ? display : variable != nullptr ? variable : "";
-  if (m_name.empty()) throw Failure("no display: DISPLAY is not set, and --display is not given");
+  m_name = display.empty() ? display_of_environment() : display;
+  if (m_name.empty()) throw Failure("no display: DISPLAY is not set to one, and --display is not given");
   int number = 0;
   m_connection.reset(xcb_connect(m_name.c_str(), &number));
   if (xcb_connection_has_error(m_connection.get()) != 0) throw Failure("cannot open the display " + m_name);
