@@ -17,20 +17,20 @@ namespace meru_tool {
 
 namespace {
 
-/// An index from which nothing could be repaired would only stand in the way of the next recording.
-void run(ScreenRecorder* recorder, const ScreenIndex& index) {
+void run(ScreenRecorder* recorder, ScreenIndex* index) {
+  index->hold();
   try {
     recorder->run();
   } catch (...) {
-    if (recorder->frames() == 0) index.remove();
+    // From an index of nothing nothing can be repaired: it would only stand in the way of the next recording.
+    if (recorder->frames() > 0) index->leave();
     throw;
   }
-  index.remove();
 }
 
 /// @return what went wrong although the movie is complete
 std::vector<std::string> record_with(const ScreenOptions& options, const ScreenEvents& events) {
-  const ScreenIndex index(options.output, options.index);
+  ScreenIndex index(options.output, options.index);
   static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // for the ExitNotice
   // What is shown of the library's own prints must not come between the events.
   if (options.json && options.verbose && options.log.empty()) dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -39,7 +39,7 @@ std::vector<std::string> record_with(const ScreenOptions& options, const ScreenE
     const Control control(
         true, [&] { recorder.toggle_pause(); }, [&] { recorder.stop(); });
     const ExitNotice notice(diagnostics);
-    run(&recorder, index);
+    run(&recorder, &index);
   }
   return recorder.shortcomings();
 }

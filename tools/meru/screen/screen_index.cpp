@@ -47,11 +47,15 @@ ScreenIndex::ScreenIndex(const std::string& movie, std::string path) : m_path(st
     std::string text = movie + " is being recorded, or was cut short and is not repaired: its index is " + index;
     throw Failure(text.append("; record into another file, or move both away"));
   }
-  if (!m_path.empty()) m_lock = IndexLock::to_record(m_path);
 }
 
-void ScreenIndex::remove() const {
-  if (!m_path.empty()) unlink(m_path.c_str());
+ScreenIndex::~ScreenIndex() {
+  // Before the lock ends, so that nobody takes the index for one that was left behind.
+  if (m_lock && !m_left) unlink(m_path.c_str());
+}
+
+void ScreenIndex::hold() {
+  if (!m_path.empty()) m_lock = IndexLock::to_record(m_path);
 }
 
 }  // namespace meru_tool
