@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds MeruLib and makes four movies in ./demo-out: ten seconds of the library's test picture and tone, a raw stream
-# that another program makes and pipes in, one that is repaired after its recorder was killed, and one of packets that are
-# encoded already. Shows what is in each, and leaves a contact sheet beside it.
+# Builds MeruLib and makes five movies in ./demo-out: five seconds of a screen, ten of the library's test picture and tone,
+# a raw stream that another program makes and pipes in, one that is repaired after its recorder was killed, and one of
+# packets that are encoded already. Shows what is in each, and leaves a contact sheet beside it.
 set -euo pipefail
 cd "$(dirname "$0")"
 out=demo-out
@@ -41,7 +41,7 @@ describe() {  # MOVIE INDEX
 contact_sheet() {  # MOVIE PNG: 20 pictures, evenly from the whole movie
   local frames
   frames=$(probe -select_streams v -count_packets -show_entries stream=nb_read_packets "$1")
-  ffmpeg -nostdin -v error -y -i "$1" -vf "select='not(mod(n,ceil($frames/20)))',scale=320:-1,tile=5x4:padding=8:margin=8:color=white" -frames:v 1 "$2"
+  ffmpeg -nostdin -v error -y -i "$1" -vf "select='lt(mod(n*20,$frames),20)',scale=320:-1,tile=5x4:padding=8:margin=8:color=white" -frames:v 1 "$2"
   echo "contact sheet: $2"
 }
 
@@ -55,6 +55,25 @@ run "$out/build.log" cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Releas
 run "$out/build.log" cmake --build build/demo
 meru=build/demo/tools/meru/meru
 echo "$meru"
+
+step "a screen"
+# A display of its own that nobody sees, with programs on it that move.
+mkfifo "$out/display.$$"
+Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp 3>"$out/display.$$" >"$out/xvfb.log" 2>&1 &
+screen=$!
+trap 'kill $screen 2>/dev/null || true; rm -f "$out/display.$$"' EXIT
+read -r number <"$out/display.$$" || { cat "$out/xvfb.log" >&2; echo "there is no display" >&2; exit 1; }
+on_screen() { DISPLAY=:$number "$@" >>"$out/xvfb.log" 2>&1; }
+on_screen ico -geometry 860x680+20+20 -size 360x360 -delta +9+7 -bg '#24506e' -sleep 0.02 &
+on_screen xclock -update 1 -geometry 360x360+900+20 -bg '#fff8e0' &
+on_screen xeyes -geometry 360x300+900+400 -bg '#8fb98b' &
+sleep 1
+"$meru" screen --display ":$number" --fps "$fps" --seconds 5 --audio none -o "$out/screen.mp4"
+kill "$screen"
+wait
+trap - EXIT
+rm -f "$out/display.$$"
+contact_sheet "$out/screen.mp4" "$out/screen.png"
 
 step "test picture and tone"
 run "$out/test.log" "$meru" record --test --size "$size" --fps "$fps" --seconds "$seconds" \

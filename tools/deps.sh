@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing. The one list of what MeruLib needs.
-#   tools/deps.sh build   to build the library, the command and the examples, and to look at what they record
+#   tools/deps.sh build   to build the library, the command and the examples, to have a screen to record, and to look at it
 #   tools/deps.sh test    and to check, test and measure them
 #   tools/deps.sh matrix  and to test them on other Debian releases
 set -euo pipefail
@@ -10,12 +10,15 @@ packages=(
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libavfilter-dev libavdevice-dev libpostproc-dev
   libcli11-dev nlohmann-json3-dev ffmpeg help2man
+  libxcb1-dev libxcb-shm0-dev libxcb-xfixes0-dev libpulse-dev
+  xvfb x11-apps
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   doxygen
   clang-format clang-tidy clang cppcheck gcovr binutils time
   nginx
+  xterm x11-xserver-utils pulseaudio pulseaudio-utils
   python3 dpkg-dev file man-db
 )
 matrix_packages=(debootstrap git rsync)

@@ -2,7 +2,8 @@
 """Runs the blocks of Python in the documents, or checks those of the shell.
 
   run_blocks.py python SOURCE LIBRARY    each block, as a program of its own
-  run_blocks.py sh SOURCE MERU           what uses `meru` is run; of the rest, everything that is named must exist
+  run_blocks.py sh SOURCE MERU           what uses `meru` is run, but `meru screen`, which must get as far as to its display;
+                                         of the rest, everything that is named must exist
 
 The folder in which the blocks run has a recording that was cut short, cut.mp4 with cut.index, and encoded streams,
 camera.h264 and camera.aac.
@@ -115,7 +116,9 @@ class ShellBlocks:
         if words[0] == "sudo":
             words = words[1:]
         program = words[0]
-        if program == "meru":
+        if words[:2] == ["meru", "screen"]:
+            self.check_screen(words, folder)
+        elif program == "meru":
             run(words, folder, self.environment)
         elif "/" in program:
             self.need(os.access(self.source / program, os.X_OK), f"{program} is no program of the source tree")
@@ -129,6 +132,14 @@ class ShellBlocks:
             self.need(words[2:] == [f"./{self.packages}/*.deb"], f"no packages are made for {' '.join(words)!r}")
         elif words != ["ldconfig"]:
             raise Wrong(f"this check knows nothing of the command {program!r}")
+
+    def check_screen(self, words, folder):
+        """The display is opened when all that was typed has been found right."""
+        command = [*words, "--display", "none"]
+        done = subprocess.run(command, cwd=folder, env=dict(os.environ, **self.environment), stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=TIMEOUT_SEC, check=False)
+        said = done.stderr.decode(errors="replace")
+        self.need(re.search("cannot open the display|without X11", said), f"exit status {done.returncode}\n{said}")
 
     def check_presets(self, words):
         kind = "test" if words[0] == "ctest" else "build" if "--build" in words else "configure"

@@ -1,14 +1,13 @@
 // The command `meru record` while it runs: signals, the keyboard, progress, the clock.
 
 #include <gtest/gtest.h>
-#include <pty.h>
-#include <termios.h>
 
 #include <chrono>
 
 #include "support/local_listener.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
+#include "support/terminal.h"
 
 namespace meru_test {
 namespace {
@@ -152,69 +151,44 @@ TEST_F(MeruRecordStopTest, ConnectingCanBeEnded) {
   EXPECT_EQ(tool.err(), "meru: stopped before the recording had begun\n");
 }
 
-/// A terminal of which the test holds the other end.
 class MeruRecordTerminalTest : public testing::Test {
  protected:
-  MeruRecordTerminalTest() { EXPECT_EQ(openpty(&m_master, &m_slave, nullptr, nullptr, nullptr), 0); }
-  ~MeruRecordTerminalTest() override {
-    close(m_master);
-    close(m_slave);
-  }
-  termios mode() const {
-    termios mode{};
-    EXPECT_EQ(tcgetattr(m_slave, &mode), 0);
-    return mode;
-  }
-  /// Reads what the command shows until the text is there.
-  bool shows(const std::string& text) {
-    return eventually([&] {
-      fcntl(m_master, F_SETFL, O_NONBLOCK);
-      char buffer[4096];
-      for (ssize_t n = 0; (n = read(m_master, buffer, sizeof(buffer))) > 0;)
-        m_shown.append(buffer, static_cast<size_t>(n));
-      return m_shown.find(text) != std::string::npos;
-    });
-  }
-  void forget_shown() { m_shown.clear(); }
-  void press(char key) const { ASSERT_EQ(write(m_master, &key, 1), 1); }
-
   ToolFolder m_folder;
-  int m_master = -1, m_slave = -1;
-  std::string m_shown;
+  Terminal m_terminal;
 };
 
 TEST_F(MeruRecordTerminalTest, KeyPausesAndTheTerminalGetsItsModeBack) {
-  ASSERT_NE(mode().c_lflag & ICANON, 0U);
-  ToolProcess tool(m_folder, kTest + "--realtime -o m.mp4", m_slave);
-  ASSERT_TRUE(shows(" fps"));
-  EXPECT_EQ(mode().c_lflag & ICANON, 0U);
-  EXPECT_EQ(mode().c_lflag & ECHO, 0U);
-  press('p');
-  ASSERT_TRUE(shows("paused"));
-  forget_shown();
-  press('p');
-  ASSERT_TRUE(shows(" fps"));
-  press('\x03');  // Ctrl-C
-  ASSERT_TRUE(shows("recorded "));
+  ASSERT_NE(m_terminal.mode().c_lflag & ICANON, 0U);
+  ToolProcess tool(m_folder, kTest + "--realtime -o m.mp4", m_terminal.end());
+  ASSERT_TRUE(m_terminal.shows(" fps"));
+  EXPECT_EQ(m_terminal.mode().c_lflag & ICANON, 0U);
+  EXPECT_EQ(m_terminal.mode().c_lflag & ECHO, 0U);
+  m_terminal.press('p');
+  ASSERT_TRUE(m_terminal.shows("paused"));
+  m_terminal.forget_shown();
+  m_terminal.press('p');
+  ASSERT_TRUE(m_terminal.shows(" fps"));
+  m_terminal.press('\x03');  // Ctrl-C
+  ASSERT_TRUE(m_terminal.shows("recorded "));
   EXPECT_EQ(tool.wait(), 0);
-  EXPECT_NE(mode().c_lflag & ICANON, 0U);
-  EXPECT_NE(mode().c_lflag & ECHO, 0U);
+  EXPECT_NE(m_terminal.mode().c_lflag & ICANON, 0U);
+  EXPECT_NE(m_terminal.mode().c_lflag & ECHO, 0U);
   EXPECT_EQ(decode_errors(m_folder.file("m.mp4")), "");
 }
 
 TEST_F(MeruRecordTerminalTest, TerminalGetsItsModeBackWhenTheLibraryEndsTheProcess) {
-  ToolProcess tool(m_folder, "--test --no-video --seconds 1 -o m.amr", m_slave);
+  ToolProcess tool(m_folder, "--test --no-video --seconds 1 -o m.amr", m_terminal.end());
   EXPECT_EQ(tool.wait(), 1);
   EXPECT_NE(tool.err().find("Could not find encoder"), std::string::npos) << tool.err();
-  EXPECT_NE(mode().c_lflag & ICANON, 0U);
-  EXPECT_NE(mode().c_lflag & ECHO, 0U);
+  EXPECT_NE(m_terminal.mode().c_lflag & ICANON, 0U);
+  EXPECT_NE(m_terminal.mode().c_lflag & ECHO, 0U);
 }
 
 TEST_F(MeruRecordTerminalTest, ProgressIsOneLineThatIsWrittenOver) {
-  ToolProcess tool(m_folder, kTest + "--realtime --seconds 1 -o m.mp4", m_slave);
-  ASSERT_TRUE(shows("recorded "));
+  ToolProcess tool(m_folder, kTest + "--realtime --seconds 1 -o m.mp4", m_terminal.end());
+  ASSERT_TRUE(m_terminal.shows("recorded "));
   EXPECT_EQ(tool.wait(), 0);
-  const std::string before = m_shown.substr(0, m_shown.find("recorded "));
+  const std::string before = m_terminal.shown().substr(0, m_terminal.shown().find("recorded "));
   EXPECT_EQ(before.find('\n'), std::string::npos) << before;
   EXPECT_NE(before.find("\r00:00:00."), std::string::npos) << before;
   EXPECT_NE(before.find(" MiB"), std::string::npos) << before;

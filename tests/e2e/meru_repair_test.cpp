@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "support/case_name.h"
+#include "support/cut_movie.h"
 #include "support/index_reader.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
@@ -22,14 +23,6 @@ namespace {
 constexpr int kUsage = 2;
 constexpr int kFailure = 1;
 constexpr int kStopped = 130;
-
-/// A movie without its own table: everything up to it, as a kill leaves it.
-void cut_before_table(const std::string& movie, const std::string& broken) {
-  const std::string bytes = read_file(movie);
-  const size_t table = bytes.rfind("moov");
-  if (table == std::string::npos) throw std::runtime_error("no table in " + movie);
-  write_file(broken, bytes.substr(0, table - 4));
-}
 
 class MeruRepairTest : public testing::Test {
  protected:
@@ -227,14 +220,7 @@ INSTANTIATE_TEST_SUITE_P(
 class LongRepair {
  public:
   LongRepair(const ToolFolder& folder, const std::string& options, int terminal = -1) {
-    const std::string text = read_file(folder.file("movie.index"));
-    std::string line;
-    while (line.size() < 950) line += ",,4000000,512,,512,1;";
-    std::string body = text.substr(0, text.find("\n,") + 1) + ",48" + line.substr(1) + "\n";
-    for (int i = 0; i < 2000; ++i) body += line + "\n";
-    write_file(folder.file("long.index"), body);
-    write_file(folder.file("long.mp4"), "x");
-    std::filesystem::resize_file(folder.file("long.mp4"), 1LL << 40);
+    make_long(folder.file("movie.index"), 4000000, folder.file("long.mp4"), folder.file("long.index"));
     std::filesystem::create_symlink("/dev/null", folder.file("nowhere.mp4"));
     m_process.emplace(folder, options + " --force long.mp4 long.index nowhere.mp4", terminal, "repair");
   }

@@ -29,15 +29,15 @@ expected_values() {  # HELP_LINE: in the words of _meru_values
 }
 
 checked=0
-for subcommand in '' record remux repair index; do
+for subcommand in '' screen record remux repair recover index; do
   known=$(_meru_options "$subcommand" | tr ' ' '\n' | sort)
   said=$(help_lines "$subcommand" | sed 's/[ =].*//' | tr ',' '\n' | sort)
   [ "$known" = "$said" ] || fail "options of meru $subcommand: $(diff <(echo "$known") <(echo "$said"))"
   while IFS= read -r line; do
     option=${line%%[ =]*}
     for name in ${option//,/ }; do
-      [ "$(_meru_values "$name")" = "$(expected_values "$line")" ] ||
-        fail "$subcommand $name: completed with '$(_meru_values "$name")', said to take '$(expected_values "$line")'"
+      [ "$(_meru_values "$name" "$subcommand")" = "$(expected_values "$line")" ] ||
+        fail "$subcommand $name: completed with '$(_meru_values "$name" "$subcommand")', said to take '$(expected_values "$line")'"
       checked=$((checked + 1))
     done
   done < <(help_lines "$subcommand")
@@ -57,8 +57,8 @@ completes() {  # EXPECTED WORD...
   [ "$found" = "$expected" ] || fail "meru $* completes to '$found', not '$expected'"
 }
 touch 'cut one.mp4' cut.index
-completes 'index|record|remux|repair' ''
-completes 'record|remux|repair' re
+completes 'index|record|recover|remux|repair|screen' ''
+completes 'record|recover|remux|repair' re
 completes '--version' --v
 completes '--preset|--profile|--progress' record --pr
 completes '--verbose' repair --v
@@ -67,8 +67,12 @@ completes 'veryfast|veryslow' record --preset = very
 completes 'abr|cbr|cqp|vbr' record --rate-control =
 completes '' record --size 1
 completes '' record --test ''
+completes '' screen --audio c
+completes 'cut one.mp4|cut.index' remux --audio c
 completes 'cut one.mp4|cut.index' record --test -o cu
 completes 'cut one.mp4|cut.index' repair cu
 completes 'cut.index' remux --log cut.
+mkdir cuts
+completes 'cuts' recover cu
 [ "$(complete -p meru)" = 'complete -F _meru meru' ] || fail "the completion is not bound to the command"
 echo "words are completed"

@@ -7,7 +7,7 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 command -v man >/dev/null || { echo "SKIPPED: man is missing" >&2; exit 77; }
 export LC_ALL=C.UTF-8 MANWIDTH=500  # so wide that no option is broken
 
-for subcommand in '' record remux repair index; do
+for subcommand in '' screen record remux repair recover index; do
   page=meru${subcommand:+-$subcommand}
   text=$(man --warnings -E UTF-8 -l "$folder/$page.1.gz" 2>&1) || fail "$page: $text"
   if grep -E 'warning|<standard input>' <<<"$text"; then fail "$page is not well formed"; fi

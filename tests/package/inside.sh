@@ -22,7 +22,7 @@ ldconfig -p | grep -F libMeruLib || fail "the loader does not know the library"
 step "using them as an ordinary user"
 install g++ cmake ninja-build pkg-config binutils ffmpeg man-db bash-completion
 as_user /merulib/tests/use.sh /merulib/examples /usr "$version" cc
-for page in meru meru-record meru-remux meru-repair meru-index; do
+for page in meru meru-screen meru-record meru-remux meru-repair meru-recover meru-index; do
   as_user man "$page" 2>&1 | grep -q "^NAME" || fail "no manual page $page"
 done
 echo "man shows the pages"

@@ -86,6 +86,11 @@ class ServerProcess {
     send(SIGKILL);
     wait(0);
   }
+  /// Asks it to end, as it would when the system goes down, and waits until it has gone.
+  void end() {
+    send(SIGTERM);
+    if (!ends()) kill();
+  }
   /// Stops it where it is, and waits until it stands still.
   void suspend() {
     send(SIGSTOP);

@@ -54,7 +54,18 @@ Console& Console::instance() {
   return console;
 }
 
-Console::Console() : m_out(copy_of(STDOUT_FILENO)), m_err(copy_of(STDERR_FILENO)), m_terminal(isatty(m_out) == 1) {}
+Console::Console()
+    : m_out(copy_of(STDOUT_FILENO)), m_err(copy_of(STDERR_FILENO)), m_lines(m_out), m_terminal(isatty(m_out) == 1) {}
+
+void Console::keep_for_data() {
+  m_lines = m_err;
+  m_terminal = false;
+}
+
+void Console::data(const std::string& text) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  write_all(m_out, text + "\n");
+}
 
 void Console::clear_status() {
   if (m_status_shown) write_all(m_out, "\r\033[K");
@@ -70,7 +81,7 @@ void Console::status(const std::string& text) {
 void Console::line(const std::string& text) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   clear_status();
-  write_all(m_out, text + "\n");
+  write_all(m_lines, text + "\n");
 }
 
 void Console::error(const std::string& text) {

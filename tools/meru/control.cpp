@@ -136,6 +136,7 @@ void Control::listen() {
     if (fds[1].revents != 0) {
       const ssize_t n = read(STDIN_FILENO, &event, 1);
       if (n == 1 && event == 'p') m_on_pause();
+      if (n == 1 && event == 'q') handle_stop();
       if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) m_keys = false;
     }
   }

@@ -6,8 +6,8 @@
 
 namespace meru_tool {
 
-/// Listens to the signals and, on a terminal, to the keys: Ctrl-C, SIGTERM and SIGHUP stop, `p` and SIGUSR1 pause. A
-/// second stop, a second or more after the first, ends the process at once. One at a time.
+/// Listens to the signals and, on a terminal, to the keys: Ctrl-C, `q`, SIGTERM and SIGHUP stop, `p` and SIGUSR1 pause.
+/// A second stop, a second or more after the first, ends the process at once. One at a time.
 class Control {
  public:
   /// @param keys  whether standard input is free to be listened to

@@ -2,14 +2,15 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "console.h"
 #include "control.h"
 #include "diagnostics.h"
+#include "exit_notice.h"
 #include "failure.h"
 #include "index_command.h"
 #include "meru/export.h"
@@ -17,25 +18,14 @@
 #include "recorder.h"
 #include "remux_command.h"
 #include "repair_command.h"
+#include "screen/recover_command.h"
+#include "screen/screen_command.h"
 
 namespace {
 
 using namespace meru_tool;
 
 constexpr int kUsageStatus = 2;
-
-// Read when the process ends, so it is never destroyed.
-std::atomic<const Diagnostics*> g_recording{nullptr};
-
-/// Some failures of the library end the process. The user still gets the one line, and the terminal its mode.
-void at_exit() {
-  restore_terminal();
-  const Diagnostics* diagnostics = g_recording;
-  if (diagnostics == nullptr) return;
-  const std::string reason = diagnostics->last_failure();
-  Console::instance().error(reason.empty() ? "the library ended the recording"
-                                           : "the library ended the recording: " + reason);
-}
 
 /// A closed standard descriptor would be given to the next file that is opened, and prints would go into it.
 void fill_standard_descriptors() {
@@ -55,7 +45,7 @@ void on_cut_source(int) {
 
 int record(const CLI::App& cmd, const RecordOptions& options) {
   check_options(cmd, options);
-  static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // at_exit() may still need it
+  static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // for the ExitNotice
   std::vector<std::string> shortcomings;
   {
     Recorder recorder(options, diagnostics);
@@ -63,14 +53,8 @@ int record(const CLI::App& cmd, const RecordOptions& options) {
     const Control control(
         keys, [&] { recorder.toggle_pause(); }, [&] { recorder.stop(); });
     std::signal(SIGBUS, &on_cut_source);
-    g_recording = diagnostics;
-    try {
-      recorder.run();
-    } catch (...) {
-      g_recording = nullptr;
-      throw;
-    }
-    g_recording = nullptr;
+    const ExitNotice notice(diagnostics);
+    recorder.run();
     shortcomings = recorder.shortcomings();
   }
   for (const std::string& text : shortcomings) Console::instance().error(text);
@@ -84,10 +68,14 @@ int run(int argc, char** argv) {
   RecordOptions options;
   RemuxOptions remux_options;
   RepairOptions repair_options;
+  RecoverOptions recover_options;
   IndexOptions index_options;
+  ScreenOptions screen_options;
+  const CLI::App* screen_command = add_screen_command(&app, &screen_options);
   const CLI::App* record_command = add_record_command(&app, &options);
   const CLI::App* remux_command = add_remux_command(&app, &remux_options);
   const CLI::App* repair_command = add_repair_command(&app, &repair_options);
+  const CLI::App* recover_command = add_recover_command(&app, &recover_options);
   const CLI::App* index_command = add_index_command(&app, &index_options);
   try {
     app.parse(argc, argv);
@@ -96,8 +84,10 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     throw UsageError(std::string(e.what()) + " (see --help)");
   }
+  if (screen_command->parsed()) return record_screen(*screen_command, std::move(screen_options));
   if (remux_command->parsed()) return remux(remux_options);
   if (repair_command->parsed()) return repair(repair_options);
+  if (recover_command->parsed()) return recover(recover_options);
   if (index_command->parsed()) return show_index(index_options);
   return record(*record_command, options);
 }
@@ -107,7 +97,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   fill_standard_descriptors();
   Console& console = Console::instance();
-  std::atexit(&at_exit);
+  std::atexit(&ExitNotice::at_exit);
   try {
     return run(argc, argv);
   } catch (const UsageError& e) {

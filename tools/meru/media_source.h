@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "movie_shape.h"
 #include "piece_reader.h"
 #include "record_options.h"
 

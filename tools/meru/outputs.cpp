@@ -26,18 +26,22 @@ int Outputs::longest_opening_sec(int timeout_sec) const {
   return timeout_sec + kGraceSec + static_cast<int>(further) * std::max(timeout_sec, kFurtherSec);
 }
 
-std::string Outputs::state(int number) const {
-  const std::string& url = m_urls[static_cast<size_t>(number)];
-  const Diagnostics::OutputState state = m_diagnostics->output(number);
-  if (!state.failure.empty()) return shown(url) + " failed (" + state.failure + ")";
-  if (is_network(url)) return shown(url) + (state.open ? " live" : " connecting");
-  return shown(url) + (state.open ? " recording" : " opening");
+Outputs::Shown Outputs::shown_output(size_t number) const {
+  const std::string& url = m_urls[number];
+  const Diagnostics::OutputState state = m_diagnostics->output(static_cast<int>(number));
+  if (!state.failure.empty()) return {shown(url), "failed", state.failure};
+  if (is_network(url)) return {shown(url), state.open ? "live" : "connecting", ""};
+  return {shown(url), state.open ? "recording" : "opening", ""};
 }
 
 std::string Outputs::states() const {
   if (m_urls.size() == 1 && !any_live()) return {};
-  std::string states = state(0);
-  for (size_t i = 1; i < m_urls.size(); ++i) states += ", " + state(static_cast<int>(i));
+  std::string states;
+  for (size_t i = 0; i < m_urls.size(); ++i) {
+    const Shown output = shown_output(i);
+    states.append(i > 0 ? ", " : "").append(output.name).append(" ").append(output.state);
+    if (!output.failure.empty()) states.append(" (").append(output.failure).append(")");
+  }
   return states;
 }
 

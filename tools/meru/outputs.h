@@ -20,12 +20,17 @@ class Outputs {
   /// The state of each: "movie.mp4 recording, rtmp://host/app/*** failed (Connection refused)". Empty when the movie is
   /// a file and the only output: then there is nothing to tell.
   std::string states() const;
+  size_t count() const { return m_urls.size(); }
+  /// One of them, as it is shown: its address without secrets, "recording", "opening", "live", "connecting" or
+  /// "failed", and why it failed.
+  struct Shown {
+    std::string name, state, failure;
+  };
+  Shown shown_output(size_t number) const;
   /// One text for each further output that has failed.
   std::vector<std::string> further_failures() const;
 
  private:
-  std::string state(int number) const;
-
   std::vector<std::string> m_urls;
   const Diagnostics* m_diagnostics;
 };

@@ -55,10 +55,11 @@ std::string Progress::size_text() const {
 std::string Progress::text(const Figures& figures, bool has_video, double images_per_second) const {
   std::string line = time_text(figures.seconds);
   if (has_video) {
-    char text[80];
-    std::snprintf(text, sizeof(text), "  %lld frames  %.1f fps", static_cast<long long>(figures.images),
-                  images_per_second);
-    line += text;
+    char rate[32];
+    std::snprintf(rate, sizeof(rate), "  %.1f fps", images_per_second);
+    line += "  " + std::to_string(figures.images) + " frames";
+    if (figures.dropped >= 0) line += "  " + std::to_string(figures.dropped) + " dropped";
+    line += rate;
   }
   return line + size_text();
 }

@@ -11,6 +11,7 @@ struct Figures {
   double seconds = 0;  ///< how far every track has got
   double longest = 0;  ///< how far one of them has got
   int64_t images = 0;
+  int64_t dropped = -1;  ///< images that should be in the movie and are not, -1 when none is ever missed
   bool paused = false;
   std::string outputs;  ///< the state of each output, empty when there is nothing to tell
 };

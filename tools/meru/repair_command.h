@@ -3,11 +3,13 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "repair_run.h"
+
 namespace meru_tool {
 
 /// The options of `meru repair` as they were typed.
 struct RepairOptions {
-  std::string broken, index, output;
+  RepairFiles files;
   bool json = false, force = false;
   std::string log;
   bool verbose = false;

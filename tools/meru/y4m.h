@@ -1,7 +1,7 @@
 #pragma once
 
 #include "byte_source.h"
-#include "record_options.h"
+#include "movie_shape.h"
 
 namespace meru_tool {
 

@@ -21,7 +21,7 @@ chmod +x "$work/$page"
 {
   cat "$texts/$page.h2m"
   printf '\n[SEE ALSO]\n'
-  for other in meru meru-record meru-remux meru-repair meru-index; do
+  for other in meru meru-screen meru-record meru-remux meru-repair meru-recover meru-index; do
     [ "$other" = "$page" ] || printf '.BR %s (1),\n' "$other"
   done
   echo '.BR ffmpeg (1)'

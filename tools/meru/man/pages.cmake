@@ -7,7 +7,7 @@ elseif(CMAKE_CROSSCOMPILING OR MERU_SANITIZE)
   message(STATUS "No manual pages: the command cannot be run as it is here")
 else()
   set(pages)
-  foreach(name meru meru-record meru-remux meru-repair meru-index)
+  foreach(name meru meru-screen meru-record meru-remux meru-repair meru-recover meru-index)
     set(page ${CMAKE_CURRENT_BINARY_DIR}/man/${name}.1.gz)
     set(script ${CMAKE_CURRENT_LIST_DIR}/make.sh)
     add_custom_command(OUTPUT ${page} COMMAND ${script} ${MERU_HELP2MAN} $<TARGET_FILE:meru> ${page}

@@ -1,0 +1,154 @@
+// The command `meru screen`: what is on the screen is in the movie, when it was there.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "support/machine_watch.h"
+#include "support/screen_scene.h"
+
+namespace meru_test {
+namespace {
+
+constexpr int kWidth = 320, kHeight = 240;
+const std::string kQuick = "--audio none --preset ultrafast ";
+const std::string kFine = "--audio none --crf 4 --seconds 0.5 ";
+
+class MeruScreenTest : public testing::Test {
+ protected:
+  ToolRun record(const std::string& arguments) { return m_folder.run("screen " + m_display.option() + arguments); }
+  std::string movie() const { return m_folder.file("m.mp4"); }
+
+  XDisplay m_display;
+  ToolFolder m_folder;
+};
+
+TEST_F(MeruScreenTest, MovieShowsWhatAnotherProgramSees) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "43605"});
+  ASSERT_TRUE(client.says("ready"));
+  const ToolRun run = record(kFine + "-o m.mp4");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  const std::string seen = m_display.grabbed();
+  const std::string recorded = first_picture(movie());
+  EXPECT_LT(difference(recorded, seen), 4);
+  EXPECT_EQ(Pattern::numbers_in(movie(), kWidth, kHeight).at(0), 43605);
+  // Which colour is which does not show in a difference alone.
+  for (size_t i = 0; i < 4; ++i) {
+    const int x = kWidth / 4 + (i % 2 == 0 ? 0 : kWidth / 2), y = kHeight / 4 + (i / 2 == 0 ? 0 : kHeight / 2);
+    EXPECT_TRUE(looks_like(colour_at(recorded, kWidth, x, y), Pattern::kColours[i])) << i;
+  }
+}
+
+TEST_F(MeruScreenTest, ProgramsOfOthersAreInTheMovie) {
+  XProgram clock(m_display, {"xclock", "-digital", "-strftime", "meru", "-geometry", "200x100+0+0"});
+  XProgram terminal(m_display, {"xterm", "-geometry", "20x5+0+110", "-e", "echo recorded; exec sleep 600"});
+  const std::string nothing(static_cast<size_t>(kWidth * kHeight * 4), '\0');
+  std::string seen, before;
+  // Both have drawn when much of the screen is light and a moment later it is the same.
+  ASSERT_TRUE(eventually([&] {
+    before.swap(seen);
+    seen = m_display.grabbed();
+    return difference(seen, nothing) > 60 && seen == before;
+  }));
+  const ToolRun run = record(kFine + "-o m.mp4");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_LT(difference(first_picture(movie()), m_display.grabbed()), 4);
+}
+
+TEST_F(MeruScreenTest, RegionIsCutOut) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "4660"});
+  ASSERT_TRUE(client.says("ready"));
+  const ToolRun run = record(kFine + "--region 280x101+32+0 -o m.mp4");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("280x100+32+0"), std::string::npos) << run.out;
+  const std::string seen = m_display.grabbed("-draw_mouse 0 -grab_x 32 -grab_y 0 -video_size 280x100");
+  EXPECT_LT(difference(first_picture(movie()), seen), 4);
+}
+
+TEST_F(MeruScreenTest, PointerIsInThePictureUnlessItIsLeftOut) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "1", "pointer", "100", "60"});
+  ASSERT_TRUE(client.says("ready"));
+  ASSERT_EQ(record(kFine + "-o m.mp4").status, 0);
+  const std::string with = first_picture(movie());
+  EXPECT_LT(difference(with, m_display.grabbed("-draw_mouse 1")), 4);
+  EXPECT_TRUE(looks_like(colour_at(with, kWidth, 108, 68), 0xFF0000)) << std::hex << colour_at(with, kWidth, 108, 68);
+  ASSERT_EQ(record(kFine + "--no-pointer -o m.mp4").status, 0);
+  const std::string without = first_picture(movie());
+  EXPECT_TRUE(looks_like(colour_at(without, kWidth, 108, 68), Pattern::kColours[0]));
+}
+
+TEST_F(MeruScreenTest, PointerAtTheEdgeIsCutOff) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "1", "pointer", "312", "232"});
+  ASSERT_TRUE(client.says("ready"));
+  ASSERT_EQ(record(kFine + "-o m.mp4").status, 0);
+  const std::string picture = first_picture(movie());
+  EXPECT_TRUE(looks_like(colour_at(picture, kWidth, 317, 237), 0xFF0000));
+  EXPECT_LT(difference(picture, m_display.grabbed("-draw_mouse 1")), 4);
+}
+
+// The numbers follow the clock, so the pictures must show them in step with their time in the movie.
+TEST_F(MeruScreenTest, MovingPatternKeepsItsPace) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT});
+  ASSERT_TRUE(client.says("ready"));
+  const ToolRun run = record(kQuick + "--fps 25 --seconds 3 --json -o m.mp4");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(decode_errors(movie()), "");
+  const std::vector<int> numbers = Pattern::numbers_in(movie(), kWidth, kHeight);
+  const std::vector<ProbedPacket> packets = probe_packets(movie(), "v:0");
+  ASSERT_EQ(numbers.size(), packets.size());
+  ASSERT_GT(numbers.size(), 1U);
+  std::vector<double> times;
+  for (const ProbedPacket& packet : packets) times.push_back(packet.pts);
+  std::sort(times.begin(), times.end());
+  EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+  EXPECT_GE(numbers.front(), 0);
+  const double passed = (numbers.back() - numbers.front()) / static_cast<double>(Pattern::kPerSecond);
+  EXPECT_NEAR(passed, times.back() - times.front(), 0.5);
+}
+
+// How many are missing depends on what else the machine does; that each is accounted for does not.
+TEST_F(MeruScreenTest, EveryPlaceHasAnImageOrIsCountedAsDropped) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT});
+  ASSERT_TRUE(client.says("ready"));
+  MachineWatch machine;
+  const ToolRun run = record(kQuick + "--fps 30 --seconds 10 --json -o m.mp4");
+  const bool idle = machine.was_idle();
+  EXPECT_EQ(run.status, 0) << run.err;
+  const nlohmann::json finished = event_in(run.out, "finished");
+  ASSERT_FALSE(finished.is_null()) << run.out;
+  const int frames = finished["frames"], dropped = finished["dropped"];
+  EXPECT_EQ(frames + dropped, 300);
+  EXPECT_EQ(count_frames(movie()), frames);
+  EXPECT_EQ(finished["time"], 10.0);
+  if (idle) {
+    EXPECT_EQ(dropped, 0);
+  } else {
+    RecordProperty("busy_machine_dropped", dropped);
+  }
+}
+
+TEST_F(MeruScreenTest, ScreenThatBecomesSmallerLeavesBlack) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "43605"});
+  ASSERT_TRUE(client.says("ready"));
+  ScreenProcess tool(m_folder, m_display, "--crf 8 --json --progress 50 -o m.mp4");
+  ASSERT_TRUE(tool.has_recorded(0.3));
+  m_display.resize(200, 150);
+  ASSERT_TRUE(tool.tells("screen_changed"));
+  ASSERT_TRUE(tool.has_recorded(event_in(tool.out(), "screen_changed")["time"].get<double>() + 0.3));
+  tool.send(SIGINT);
+  EXPECT_EQ(tool.wait(), 0) << tool.err();
+  EXPECT_EQ(decode_errors(movie()), "");
+  const nlohmann::json changed = event_in(tool.out(), "screen_changed");
+  EXPECT_EQ(changed["width"], 200);
+  EXPECT_EQ(changed["height"], 150);
+  EXPECT_EQ(changed["whole"], false);
+  const std::string pictures = decoded(movie(), "-map 0:v -pix_fmt bgra -f rawvideo " + every_picture());
+  const std::string last = pictures.substr(pictures.size() - static_cast<size_t>(kWidth * kHeight * 4));
+  EXPECT_TRUE(looks_like(colour_at(last, kWidth, 100, 80), Pattern::kColours[0]));
+  EXPECT_TRUE(looks_like(colour_at(last, kWidth, 260, 80), 0));
+  EXPECT_TRUE(looks_like(colour_at(last, kWidth, 100, 200), 0));
+}
+
+}  // namespace
+}  // namespace meru_test

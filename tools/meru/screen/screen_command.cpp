@@ -1,0 +1,64 @@
+#include "screen/screen_command.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "console.h"
+#include "control.h"
+#include "diagnostics.h"
+#include "exit_notice.h"
+#include "failure.h"
+#include "screen/screen_events.h"
+#include "screen/screen_index.h"
+#include "screen/screen_recorder.h"
+
+namespace meru_tool {
+
+namespace {
+
+void run(ScreenRecorder* recorder, ScreenIndex* index) {
+  index->hold();
+  try {
+    recorder->run();
+  } catch (...) {
+    // From an index of nothing nothing can be repaired: it would only stand in the way of the next recording.
+    if (recorder->frames() > 0) index->leave();
+    throw;
+  }
+}
+
+/// @return what went wrong although the movie is complete
+std::vector<std::string> record_with(const ScreenOptions& options, const ScreenEvents& events) {
+  ScreenIndex index(options.output, options.index);
+  static auto* const diagnostics = new Diagnostics(options.log, options.verbose);  // for the ExitNotice
+  // What is shown of the library's own prints must not come between the events.
+  if (options.json && options.verbose && options.log.empty()) dup2(STDERR_FILENO, STDOUT_FILENO);
+  ScreenRecorder recorder(&options, diagnostics, &events);
+  {
+    const Control control(
+        true, [&] { recorder.toggle_pause(); }, [&] { recorder.stop(); });
+    const ExitNotice notice(diagnostics);
+    run(&recorder, &index);
+  }
+  return recorder.shortcomings();
+}
+
+}  // namespace
+
+int record_screen(const CLI::App& cmd, ScreenOptions options) {
+  options.index = ScreenIndex::path_for(options);
+  check_screen_options(cmd, options);
+  if (options.json) Console::instance().keep_for_data();
+  const ScreenEvents events(options.json);
+  try {
+    const std::vector<std::string> shortcomings = record_with(options, events);
+    for (const std::string& text : shortcomings) Console::instance().error(text);
+    return shortcomings.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+  } catch (const std::exception& e) {
+    events.tell("failed", 0, {{"reason", e.what()}}, "");
+    throw;
+  }
+}
+
+}  // namespace meru_tool
