@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds MeruLib without warnings, checks the sources and runs every test. Fails when any of it fails.
+# Builds MeruLib without warnings, checks the sources, runs the tests of threads under the sanitizers, and every test.
+# Fails when any of it fails.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -14,6 +15,9 @@ cmake --build --preset dev
 
 step "format and static analysis"
 tests/lint.sh build/dev
+
+step "sanitizers"
+tests/sanitize.sh --quick
 
 step "tests"
 # Three at once on two cores: many tests wait for servers.

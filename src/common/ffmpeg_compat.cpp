@@ -177,20 +177,31 @@ uint64_t choose_layout(const AVCodec* codec, uint64_t wanted) {
 #endif
 }
 
+#if LIBSWSCALE_VERSION_MAJOR >= 6
+namespace {
+
+/// Scaling whole frames is what runs on threads. It would copy a frame that holds no buffer, as if its pixels could go
+/// away meanwhile; any buffer will do.
+bool scale_on_threads(SwsContext* sws, const AVFrame* src, AVFrame* dst) {
+  const FramePtr view(av_frame_alloc());
+  if (view == nullptr) return false;
+  std::copy(std::begin(src->data), std::end(src->data), view->data);
+  std::copy(std::begin(src->linesize), std::end(src->linesize), view->linesize);
+  view->width = src->width;
+  view->height = src->height;
+  view->format = src->format;
+  view->buf[0] = av_buffer_alloc(1);
+  return view->buf[0] != nullptr && sws_scale_frame(sws, dst, view.get()) >= 0;
+}
+
+}  // namespace
+#endif
+
 void scale(SwsContext* sws, const AVFrame* src, AVFrame* dst) {
 #if LIBSWSCALE_VERSION_MAJOR >= 6
-  // Scaling whole frames is what runs on threads. It would copy a frame that holds no buffer, as if its pixels could go
-  // away meanwhile; any buffer will do.
-  const FramePtr view(av_frame_alloc());
-  if (view != nullptr) {
-    std::copy(std::begin(src->data), std::end(src->data), view->data);
-    std::copy(std::begin(src->linesize), std::end(src->linesize), view->linesize);
-    view->width = src->width;
-    view->height = src->height;
-    view->format = src->format;
-    view->buf[0] = av_buffer_alloc(1);
-    if (view->buf[0] != nullptr && sws_scale_frame(sws, dst, view.get()) >= 0) return;
-  }
+  int64_t threads = 1;
+  av_opt_get_int(sws, "threads", 0, &threads);
+  if (threads > 1 && scale_on_threads(sws, src, dst)) return;
 #endif
   sws_scale(sws, src->data, src->linesize, 0, src->height, dst->data, dst->linesize);
 }
