@@ -114,6 +114,23 @@ TEST_F(MeruScreenFailuresTest, FailedStartLeavesNoIndex) {
   EXPECT_FALSE(has("m.wav.meru-index"));
 }
 
+TEST_F(MeruScreenFailuresTest, FullDiskLeavesTheIndexFromWhichTheMovieIsRepaired) {
+  const XDisplay display;
+  XProgram client(display, {MERU_PATTERN_CLIENT});
+  ASSERT_TRUE(client.says("ready"));
+  const ToolRun run =
+      m_folder.run("screen " + display.option() +
+                       "--audio none --preset ultrafast --qp 1 --gop 1 --fps 60 --seconds 60 --json -o m.mp4",
+                   "ulimit -f 64;");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "meru: " + event_in(run.out, "failed")["reason"].get<std::string>() + "\n");
+  EXPECT_NE(run.err.find("File too large"), std::string::npos) << run.err;
+  EXPECT_TRUE(has("m.mp4.meru-index"));
+  const ToolRun recover = m_folder.run("recover .");
+  EXPECT_EQ(recover.status, 0) << recover.err;
+  EXPECT_GT(count_frames(m_folder.file("m.repaired.mp4")), 10);
+}
+
 TEST_F(MeruScreenFailuresTest, MovieThatIsBeingRecordedIsNotReplaced) {
   const XDisplay display;
   ScreenProcess tool(m_folder, display, "--json --progress 50 -o m.mp4");
