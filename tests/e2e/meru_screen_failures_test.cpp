@@ -93,7 +93,7 @@ TEST_F(MeruScreenFailuresTest, IndexIsWhereItIsWantedWhileTheMovieIsNotComplete)
   for (const Case& wanted : {Case{"-o m.mp4", "m.mp4.meru-index"}, Case{"-o m.mov --index here", "here"},
                              Case{"-o m.mp4 --no-index", ""}, Case{"-o m.mkv", ""}}) {
     SCOPED_TRACE(wanted.arguments);
-    ScreenProcess tool(m_folder, display, std::string("--json ") + wanted.arguments);
+    ScreenProcess tool(m_folder, display, std::string("--json --progress 50 ") + wanted.arguments);
     ASSERT_TRUE(tool.tells("started"));
     EXPECT_EQ(event_in(tool.out(), "started")["index"], wanted.index);
     ASSERT_TRUE(eventually([&] { return *wanted.index == '\0' || has(wanted.index); }));
