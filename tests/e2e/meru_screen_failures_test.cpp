@@ -93,7 +93,7 @@ TEST_F(MeruScreenFailuresTest, IndexIsWhereItIsWantedWhileTheMovieIsNotComplete)
   for (const Case& wanted : {Case{"-o m.mp4", "m.mp4.meru-index"}, Case{"-o m.mov --index here", "here"},
                              Case{"-o m.mp4 --no-index", ""}, Case{"-o m.mkv", ""}}) {
     SCOPED_TRACE(wanted.arguments);
-    ScreenProcess tool(m_folder, display, std::string("--json ") + wanted.arguments);
+    ScreenProcess tool(m_folder, display, std::string("--json --progress 50 ") + wanted.arguments);
     ASSERT_TRUE(tool.tells("started"));
     EXPECT_EQ(event_in(tool.out(), "started")["index"], wanted.index);
     ASSERT_TRUE(eventually([&] { return *wanted.index == '\0' || has(wanted.index); }));
@@ -112,6 +112,23 @@ TEST_F(MeruScreenFailuresTest, FailedStartLeavesNoIndex) {
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(event_in(run.out, "failed")["reason"].get<std::string>() + "\n", run.err.substr(6));
   EXPECT_FALSE(has("m.wav.meru-index"));
+}
+
+TEST_F(MeruScreenFailuresTest, FullDiskLeavesTheIndexFromWhichTheMovieIsRepaired) {
+  const XDisplay display;
+  XProgram client(display, {MERU_PATTERN_CLIENT});
+  ASSERT_TRUE(client.says("ready"));
+  const ToolRun run =
+      m_folder.run("screen " + display.option() +
+                       "--audio none --preset ultrafast --qp 1 --gop 1 --fps 60 --seconds 60 --json -o m.mp4",
+                   "ulimit -f 64;");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "meru: " + event_in(run.out, "failed")["reason"].get<std::string>() + "\n");
+  EXPECT_NE(run.err.find("File too large"), std::string::npos) << run.err;
+  EXPECT_TRUE(has("m.mp4.meru-index"));
+  const ToolRun recover = m_folder.run("recover .");
+  EXPECT_EQ(recover.status, 0) << recover.err;
+  EXPECT_GT(count_frames(m_folder.file("m.repaired.mp4")), 10);
 }
 
 TEST_F(MeruScreenFailuresTest, MovieThatIsBeingRecordedIsNotReplaced) {

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -59,30 +62,61 @@ std::vector<double> flashes(const std::string& movie) {
   return begins;
 }
 
-TEST_F(MeruScreenSoundTest, FlashAndClickOfOneMomentAreWithinAFrame) {
-  constexpr size_t kFlashes = 3;
-  ToolProcess recording(m_folder, arguments(), -1, "screen");
-  ASSERT_TRUE(recording.reaches(0.5)) << recording.err();
+/// Flashes and clicks while the screen is recorded. @return the moments of each, a line a flash
+std::string flash(const XDisplay& display, size_t count) {
   const CommandResult client =
-      run_command(m_display.environment() + MERU_FLASH_CLIENT + " speaker " + std::to_string(kFlashes));
-  ASSERT_EQ(client.status, 0) << client.output;
-  recording.send(SIGINT);
-  ASSERT_EQ(recording.wait(), 0) << recording.err();
+      run_command(display.environment() + MERU_FLASH_CLIENT + " speaker " + std::to_string(count));
+  if (client.status != 0) throw std::runtime_error("no flash: " + client.output);
+  return client.output;
+}
 
-  const std::vector<double> white = flashes(movie());
-  const std::vector<int64_t> clicks = click_starts(sound(), kRate);
-  ASSERT_EQ(white.size(), kFlashes);
-  ASSERT_GE(clicks.size(), kFlashes);
-  std::istringstream moments(client.output);
-  for (size_t i = 0; i < kFlashes; ++i) {
+/// Expects each flash of a movie within a frame of its click.
+void expect_together(const std::string& movie, const std::vector<int16_t>& sound, const std::string& moments) {
+  const std::vector<double> white = flashes(movie);
+  const std::vector<int64_t> clicks = click_starts(sound, kRate);
+  ASSERT_EQ(white.size(), static_cast<size_t>(line_count(moments)));
+  ASSERT_GE(clicks.size(), white.size());
+  std::istringstream lines(moments);
+  for (size_t i = 0; i < white.size(); ++i) {
     long long clicked = 0;
     long long shown = 0;
-    moments >> clicked >> shown;
+    lines >> clicked >> shown;
     // On a busy machine the window turns white a little after the click.
     const double made_apart = static_cast<double>(shown - clicked) / 1e6;
     const double apart = white[i] - static_cast<double>(clicks[i]) / kRate;
     EXPECT_NEAR(apart, made_apart, 1.0 / kFps) << "flash " << i;
   }
+}
+
+TEST_F(MeruScreenSoundTest, FlashAndClickOfOneMomentAreWithinAFrame) {
+  ToolProcess recording(m_folder, arguments(), -1, "screen");
+  ASSERT_TRUE(recording.reaches(0.5)) << recording.err();
+  const std::string moments = flash(m_display, 3);
+  recording.send(SIGINT);
+  ASSERT_EQ(recording.wait(), 0) << recording.err();
+  ASSERT_EQ(line_count(moments), 3);
+  expect_together(movie(), sound(), moments);
+}
+
+TEST_F(MeruScreenSoundTest, PausesKeepSoundAndPictureTogether) {
+  ToolProcess recording(m_folder, arguments(), -1, "screen");
+  ASSERT_TRUE(recording.reaches(0.5)) << recording.err();
+  std::string moments = flash(m_display, 1);
+  for (int pause = 0; pause < 2; ++pause) {
+    std::filesystem::resize_file(m_folder.file("out.txt"), 0);
+    recording.send(SIGUSR1);
+    ASSERT_TRUE(recording.says("paused\n"));
+    ASSERT_FALSE(eventually([&] { return !recording.is_running(); }, std::chrono::milliseconds(600)));
+    recording.send(SIGUSR1);
+    ASSERT_TRUE(recording.says("resumed\n"));
+  }
+  moments += flash(m_display, 1);
+  recording.send(SIGINT);
+  ASSERT_EQ(recording.wait(), 0) << recording.err();
+  ASSERT_EQ(line_count(moments), 2);
+  expect_together(movie(), sound(), moments);
+  const double sounding = static_cast<double>(sound().size()) / kRate;
+  EXPECT_NEAR(sounding, number(probe_stream(movie(), "video"), "duration"), 0.1);
 }
 
 TEST_F(MeruScreenSoundTest, ToneThatIsPlayedIsInTheMovie) {

@@ -128,26 +128,47 @@ TEST_F(MeruScreenTest, EveryPlaceHasAnImageOrIsCountedAsDropped) {
   }
 }
 
-TEST_F(MeruScreenTest, ScreenThatBecomesSmallerLeavesBlack) {
-  XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "43605"});
-  ASSERT_TRUE(client.says("ready"));
-  ScreenProcess tool(m_folder, m_display, "--crf 8 --json --progress 50 -o m.mp4");
-  ASSERT_TRUE(tool.has_recorded(0.3));
-  m_display.resize(200, 150);
-  ASSERT_TRUE(tool.tells("screen_changed"));
-  ASSERT_TRUE(tool.has_recorded(event_in(tool.out(), "screen_changed")["time"].get<double>() + 0.3));
-  tool.send(SIGINT);
-  EXPECT_EQ(tool.wait(), 0) << tool.err();
-  EXPECT_EQ(decode_errors(movie()), "");
-  const nlohmann::json changed = event_in(tool.out(), "screen_changed");
-  EXPECT_EQ(changed["width"], 200);
-  EXPECT_EQ(changed["height"], 150);
-  EXPECT_EQ(changed["whole"], false);
-  const std::string pictures = decoded(movie(), "-map 0:v -pix_fmt bgra -f rawvideo " + every_picture());
-  const std::string last = pictures.substr(pictures.size() - static_cast<size_t>(kWidth * kHeight * 4));
+/// The last picture of a recording in which the screen became 200 pixels wide and 150 high.
+class MeruScreenSizeTest : public MeruScreenTest {
+ protected:
+  std::string last_picture_behind_the_change(const std::string& arguments, int width, int height) {
+    XProgram client(m_display, {MERU_PATTERN_CLIENT, "still", "43605"});
+    EXPECT_TRUE(client.says("ready"));
+    ScreenProcess tool(m_folder, m_display, "--crf 8 --json --progress 50 -o m.mp4 " + arguments);
+    EXPECT_TRUE(tool.has_recorded(0.3));
+    m_display.resize(200, 150);
+    EXPECT_TRUE(tool.tells("screen_changed"));
+    m_changed = event_in(tool.out(), "screen_changed");
+    EXPECT_TRUE(tool.has_recorded(m_changed["time"].get<double>() + 0.3));
+    tool.send(SIGINT);
+    EXPECT_EQ(tool.wait(), 0) << tool.err();
+    EXPECT_EQ(decode_errors(movie()), "");
+    const std::string pictures = decoded(movie(), "-map 0:v -pix_fmt bgra -f rawvideo " + every_picture());
+    return pictures.substr(pictures.size() - static_cast<size_t>(width * height * 4));
+  }
+
+  nlohmann::json m_changed;
+};
+
+TEST_F(MeruScreenSizeTest, WhatLiesBeyondASmallerScreenIsBlack) {
+  const std::string last = last_picture_behind_the_change("", kWidth, kHeight);
+  EXPECT_EQ(m_changed["width"], 200);
+  EXPECT_EQ(m_changed["height"], 150);
+  EXPECT_EQ(m_changed["whole"], false);
   EXPECT_TRUE(looks_like(colour_at(last, kWidth, 100, 80), Pattern::kColours[0]));
   EXPECT_TRUE(looks_like(colour_at(last, kWidth, 260, 80), 0));
   EXPECT_TRUE(looks_like(colour_at(last, kWidth, 100, 200), 0));
+}
+
+TEST_F(MeruScreenSizeTest, RegionThatStillFitsIsRecordedOn) {
+  const std::string last = last_picture_behind_the_change("--region 60x40+100+60", 60, 40);
+  EXPECT_EQ(m_changed["whole"], true);
+  EXPECT_TRUE(looks_like(colour_at(last, 60, 30, 20), Pattern::kColours[0]));
+}
+
+TEST_F(MeruScreenSizeTest, RegionThatLiesBeyondAltogetherIsBlack) {
+  const std::string last = last_picture_behind_the_change("--region 64x48+240+20", 64, 48);
+  for (const int x : {1, 32, 62}) EXPECT_TRUE(looks_like(colour_at(last, 64, x, 24), 0)) << x;
 }
 
 }  // namespace

@@ -44,7 +44,8 @@ ScreenIndex::ScreenIndex(const std::string& movie, std::string path) : m_path(st
   recover_left_behind(folder);
   for (const std::string& index : {m_path, movie + kIndexSuffix}) {
     if (!exists(index) || !exists(movie)) continue;
-    std::string text = movie + " is being recorded, or was cut short and is not repaired: its index is " + index;
+    std::string text = movie;
+    text.append(" is being recorded, or was cut short and is not repaired: its index is ").append(index);
     throw Failure(text.append("; record into another file, or move both away"));
   }
 }

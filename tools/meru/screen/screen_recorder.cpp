@@ -47,7 +47,6 @@ ScreenRecorder::ScreenRecorder(const ScreenOptions* options, const Diagnostics* 
   VideoShape shape;
   shape.size = {m_screen->region().width, m_screen->region().height};
   shape.fps_num = options->fps;
-  if (options->seconds > 0) m_wanted = std::max<int64_t>(1, std::llround(options->seconds * options->fps));
   open_sound_source();
   m_info = make_movie_info(*options, shape, {true, m_sound != nullptr});
 }
@@ -76,6 +75,7 @@ void ScreenRecorder::open_sound_source() {
 
 void ScreenRecorder::run() {
   m_session.start(m_info);
+  if (m_options->seconds > 0) m_wanted = std::max<int64_t>(1, std::llround(m_options->seconds * m_session.fps()));
   tell_start();
   std::thread capture(&ScreenRecorder::capture_all, this);
   std::thread push(&ScreenRecorder::push_all, this);

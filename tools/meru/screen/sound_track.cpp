@@ -85,8 +85,8 @@ void SoundTrack::finish(int64_t end) {
   {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_until = end;
-    // What was taken until the end is still on its way.
-    m_changed.wait_for(lock, kLastSound, [&] { return m_lost || m_paused || m_reached >= end; });
+    // What was taken until the end is still on its way. Samples and microseconds do not meet exactly.
+    m_changed.wait_for(lock, kLastSound, [&] { return m_lost || m_paused || m_reached >= end - kSmallUsec; });
     m_ended = true;
     m_changed.notify_all();
   }
