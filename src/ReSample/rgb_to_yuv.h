@@ -4,8 +4,8 @@
 #include <memory>
 #include <vector>
 
-#include "common/shared_work.h"
 #include "common/scaler.h"
+#include "common/shared_work.h"
 
 namespace MR {
 

@@ -33,7 +33,7 @@ void use_named_colours(SwsContext* sws, const ImageFormat& src, int colorspace, 
 
 /// Threads that take turns at small images cost more than they save.
 int threads_for(const ImageFormat& src, const ImageFormat& dst) {
-  constexpr int64_t kWorthThreads = 640 * 360;
+  constexpr int64_t kWorthThreads = int64_t{640} * 360;
   const int64_t most = std::max(int64_t{src.width} * src.height, int64_t{dst.width} * dst.height);
   return most >= kWorthThreads ? SharedWork::usual_threads() : 1;
 }
