@@ -13,7 +13,7 @@
 #include "support/index_reader.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
-#include "support/sanitized.h"
+#include "support/strict_locks.h"
 
 namespace meru_test {
 namespace {
@@ -254,22 +254,22 @@ TEST_F(MeruRecoverTest, MovieNamedLikeAnAddressIsRepairedBesideItself) {
 }
 
 TEST_F(MeruRecoverTest, LockedIndexOnAFileServerIsLeftAlone) {
-  if (kSanitized) GTEST_SKIP() << "a sanitizer wants to be loaded first";
+  if (!kCanPreload) GTEST_SKIP() << kWhyNoPreload;
   leave_behind("talk.mp4");
   {
     const HeldFile held(video("talk.mp4.meru-index"), O_WRONLY, true);
-    const ToolRun run = m_folder.run("recover videos", "LD_PRELOAD=" MERU_STRICT_LOCKS);
+    const ToolRun run = m_folder.run("recover videos", kStrictLocks);
     EXPECT_EQ(run.out, "left alone: videos/talk.mp4.meru-index is in use\n");
     EXPECT_FALSE(has("talk.repaired.mp4"));
   }
-  EXPECT_EQ(m_folder.run("recover videos", "LD_PRELOAD=" MERU_STRICT_LOCKS).status, 0);
+  EXPECT_EQ(m_folder.run("recover videos", kStrictLocks).status, 0);
   EXPECT_TRUE(has("talk.repaired.mp4"));
 }
 
 TEST_F(MeruRecoverTest, IndexOfWhichNobodyCanTellWhetherItIsInUseIsLeftAlone) {
-  if (kSanitized) GTEST_SKIP() << "a sanitizer wants to be loaded first";
+  if (!kCanPreload) GTEST_SKIP() << kWhyNoPreload;
   leave_behind("talk.mp4");
-  const ToolRun run = m_folder.run("recover videos", "MERU_NO_LOCKS=1 LD_PRELOAD=" MERU_STRICT_LOCKS);
+  const ToolRun run = m_folder.run("recover videos", kNoLocks);
   EXPECT_EQ(run.status, kFailure);
   EXPECT_NE(run.err.find("cannot tell whether the index videos/talk.mp4.meru-index is in use"), std::string::npos)
       << run.err;

@@ -14,8 +14,8 @@
 #include "support/local_listener.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
-#include "support/sanitized.h"
 #include "support/screen_scene.h"
+#include "support/strict_locks.h"
 #include "support/x_display.h"
 
 namespace meru_test {
@@ -213,23 +213,25 @@ TEST_F(MeruScreenKeptTest, DisplayThatGoesBeforeTheFirstImageLeavesNoMovie) {
   EXPECT_FALSE(has("m.mp4.meru-index"));
 }
 
-TEST_F(MeruScreenKeptTest, FailedStartKeepsTheMovieThatItDidNotTouch) {
+TEST_F(MeruScreenKeptTest, FailedStartKeepsTheFurtherOutputThatItDidNotTouch) {
   make_cut("cut.mp4", "i");
-  const ToolRun run = record("-o whole.mp4 --no-index --also rtmp://nowhere.invalid/live/key --region 16x16+9999+0");
-  EXPECT_NE(run.status, 0);
+  const ReservedPort port;
+  const ToolRun run = record("-o rtmp://127.0.0.1:" + port.text() + "/live/key --also whole.mp4");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("Connection refused"), std::string::npos) << run.err;
   EXPECT_EQ(decode_errors(m_folder.file("whole.mp4")), "");
 }
 
 TEST_F(MeruScreenKeptTest, IndexOnAFileServerIsInUseWhileItIsRecorded) {
-  if (kSanitized) GTEST_SKIP() << "a sanitizer wants to be loaded first";
+  if (!kCanPreload) GTEST_SKIP() << kWhyNoPreload;
   write_file(m_folder.file("a"), "");
   {
     const HeldFile held(m_folder.file("a"), O_WRONLY, true);
-    const ToolRun run = record("-o m.mp4 --index a", "LD_PRELOAD=" MERU_STRICT_LOCKS);
+    const ToolRun run = record("-o m.mp4 --index a", kStrictLocks);
     EXPECT_EQ(run.status, 1);
     EXPECT_NE(run.err.find("the index a is in use"), std::string::npos) << run.err;
   }
-  const ToolRun run = record("-o m.mp4 --index a", "LD_PRELOAD=" MERU_STRICT_LOCKS);
+  const ToolRun run = record("-o m.mp4 --index a", kStrictLocks);
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_FALSE(has("a"));
 }
