@@ -52,7 +52,7 @@ std::string repaired_stem(const fs::path& movie) { return (movie.parent_path() /
 /// Makes an empty file that nobody else has: of this name, or with a number when that is taken.
 std::string reserve(const std::string& before_number, const std::string& behind) {
   for (int number = 1;; ++number) {
-    const std::string path = numbered(before_number, number, behind);
+    std::string path = numbered(before_number, number, behind);
     const Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (fd.get() >= 0) return path;
     if (errno != EEXIST) throw Failure("cannot write " + path + ": " + error_text(errno));
