@@ -46,6 +46,7 @@ class MeruScreenKeptTest : public testing::Test {
   void expect_kept(const std::string& arguments, const std::string& reason,
                    const std::vector<std::string>& files) const {
     std::vector<std::string> before;
+    before.reserve(files.size());
     for (const std::string& file : files) before.push_back(text(file));
     const ToolRun run = record(arguments);
     EXPECT_EQ(run.status, 1) << run.err;
