@@ -65,8 +65,8 @@ meru_package(development libmerulib-dev libdevel "recording library between an a
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
 
 if(TARGET meru)
-  meru_package(tools merulib-tools video "command that records movies and repairs cut ones"
-               "This package holds the command meru.")
+  meru_package(tools merulib-tools video "recorder of the screen, and repair of cut movies"
+               "This package holds the command meru, which records the screen with its sound,\nrecords images and sound from files and pipes, and repairs movies that were cut.")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
 endif()
 include(CPack)

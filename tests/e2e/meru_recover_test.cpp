@@ -13,6 +13,7 @@
 #include "support/index_reader.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
+#include "support/strict_locks.h"
 
 namespace meru_test {
 namespace {
@@ -234,6 +235,46 @@ TEST_F(MeruRecoverTest, CtrlCEndsItAndTheIndexStays) {
   EXPECT_FALSE(has("talk.repaired.mp4")) << "the next one was begun";
   EXPECT_TRUE(has("first.mp4.meru-index"));
   EXPECT_TRUE(has("talk.mp4.meru-index"));
+}
+
+TEST_F(MeruRecoverTest, MovieNamedLikeAnAddressIsRepairedBesideItself) {
+  for (const char* name : {"file:x.mp4", "12:30.mp4"}) {
+    leave_behind("talk.mp4");
+    std::filesystem::rename(video("talk.mp4"), video(name));
+    std::filesystem::rename(video("talk.mp4.meru-index"), video(std::string(name) + ".meru-index"));
+  }
+  for (const char* taken : {"x.repaired.mp4", "x.mp4"}) write_file(video(taken), "precious");
+  const ToolRun run = m_folder.run("recover .", "cd videos &&");
+  EXPECT_EQ(run.status, 0) << file_text(video("err.txt"));
+  for (const char* taken : {"x.repaired.mp4", "x.mp4"}) EXPECT_EQ(file_text(video(taken)), "precious") << taken;
+  for (const char* name : {"file:x", "12:30"}) {
+    EXPECT_EQ(decode_errors(video(std::string(name) + ".repaired.mp4")), "") << name;
+    EXPECT_TRUE(has(std::string(name) + ".mp4.meru-index.done"));
+  }
+}
+
+TEST_F(MeruRecoverTest, LockedIndexOnAFileServerIsLeftAlone) {
+  if (!kCanPreload) GTEST_SKIP() << kWhyNoPreload;
+  leave_behind("talk.mp4");
+  {
+    const HeldFile held(video("talk.mp4.meru-index"), O_WRONLY, true);
+    const ToolRun run = m_folder.run("recover videos", kStrictLocks);
+    EXPECT_EQ(run.out, "left alone: videos/talk.mp4.meru-index is in use\n");
+    EXPECT_FALSE(has("talk.repaired.mp4"));
+  }
+  EXPECT_EQ(m_folder.run("recover videos", kStrictLocks).status, 0);
+  EXPECT_TRUE(has("talk.repaired.mp4"));
+}
+
+TEST_F(MeruRecoverTest, IndexOfWhichNobodyCanTellWhetherItIsInUseIsLeftAlone) {
+  if (!kCanPreload) GTEST_SKIP() << kWhyNoPreload;
+  leave_behind("talk.mp4");
+  const ToolRun run = m_folder.run("recover videos", kNoLocks);
+  EXPECT_EQ(run.status, kFailure);
+  EXPECT_NE(run.err.find("cannot tell whether the index videos/talk.mp4.meru-index is in use"), std::string::npos)
+      << run.err;
+  EXPECT_TRUE(has("talk.mp4.meru-index"));
+  EXPECT_FALSE(has("talk.repaired.mp4"));
 }
 
 TEST_F(MeruRecoverTest, DiagnosticsGoToTheLog) {

@@ -138,6 +138,7 @@ TEST_F(MeruScreenFailuresTest, MovieThatIsBeingRecordedIsNotReplaced) {
   const CommandResult second = run_command("cd " + quoted(m_folder.path()) + " && " MERU_TOOL " screen " +
                                            display.option() + kQuick + "-o m.mp4");
   EXPECT_EQ(second.status, 1) << second.output;
+  EXPECT_NE(second.output.find("m.mp4 is being recorded"), std::string::npos) << second.output;
   tool.send(SIGINT);
   EXPECT_EQ(tool.wait(), 0) << tool.err();
   EXPECT_EQ(decode_errors(m_folder.file("m.mp4")), "");

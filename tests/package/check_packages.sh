@@ -64,7 +64,11 @@ for dependency in 'libavformat[0-9]+ .*' 'libavcodec[0-9]+ .*' 'libc6 .*'; do de
 depends libmerulib-dev "$library \(= $version\)"
 [ "$(cat "control.$library/shlibs")" = "libMeruLib $major $library (>= $version)" ] || fail "shlibs"
 [ "$(cat "control.$library/triggers")" = "activate-noawait ldconfig" ] || fail "triggers"
-[ ! -e root/usr/bin/meru ] || depends merulib-tools "$library \(= $version\)"
+if [ -e root/usr/bin/meru ]; then
+  depends merulib-tools "$library \(= $version\)"
+  # What the recorder of the screen is made of; a build leaves out what is missing.
+  for part in libxcb1 libxcb-shm0 libxcb-xfixes0 'libpulse0(t64)?'; do depends merulib-tools "$part( \(.*\))?"; done
+fi
 
 if grep -rlF -e "$source" -e "$build" root; then fail "a folder of the build is named in these files"; fi
 while IFS= read -r binary; do

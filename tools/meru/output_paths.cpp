@@ -11,7 +11,7 @@ namespace meru_tool {
 
 namespace {
 
-bool is_file(const std::string& url) { return url.find("://") == std::string::npos; }
+constexpr char kFileProtocol[] = "file:";
 
 /// Whether both paths lead to one file, be it there already or not.
 bool same_place(const std::string& a, const std::string& b) {
@@ -24,6 +24,19 @@ bool same_place(const std::string& a, const std::string& b) {
 }  // namespace
 
 bool is_network(const std::string& url) { return url.rfind("rtmp://", 0) == 0 || url.rfind("rtsp://", 0) == 0; }
+
+bool is_file(const std::string& url) {
+  return url.rfind(kFileProtocol, 0) == 0 || url.find("://") == std::string::npos;
+}
+
+std::string file_path(const std::string& typed) {
+  const bool named = typed.rfind(kFileProtocol, 0) == 0;
+  return unmistakable(named ? typed.substr(sizeof(kFileProtocol) - 1) : typed);
+}
+
+std::string unmistakable(const std::string& path) {
+  return path.substr(0, path.find('/')).find(':') == std::string::npos ? path : "./" + path;
+}
 
 bool same_file(const std::string& a, const std::string& b) {
   std::error_code error;

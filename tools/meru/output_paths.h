@@ -9,6 +9,12 @@
 namespace meru_tool {
 
 bool is_network(const std::string& url);
+/// Whether an output is a file; it may have the name of that protocol before its path.
+bool is_file(const std::string& url);
+/// The path of such an output: unmistakable(), without the name of the protocol.
+std::string file_path(const std::string& typed);
+/// A path of which FFmpeg takes no beginning for a protocol, as it would of "file:a.mp4" or "12:30.mp4".
+std::string unmistakable(const std::string& path);
 /// Whether both paths lead to one file.
 bool same_file(const std::string& a, const std::string& b);
 /// Refuses a path that cannot be written: a missing folder, a folder itself, no permission.

@@ -50,6 +50,13 @@ bool gives_a_frame(AVFormatContext* movie, const AVStream* stream) {
 
 }  // namespace
 
+bool can_be_opened(const std::string& path) {
+  AVFormatContext* opened = nullptr;
+  const bool can = avformat_open_input(&opened, path.c_str(), nullptr, nullptr) >= 0;
+  const Owned<AVFormatContext> movie(opened);
+  return can;
+}
+
 std::string why_not_playable(const std::string& path) {
   AVFormatContext* opened = nullptr;
   if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) return "it cannot be opened";

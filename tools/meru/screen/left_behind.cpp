@@ -14,7 +14,9 @@
 #include "console.h"
 #include "diagnostics.h"
 #include "failure.h"
+#include "output_paths.h"
 #include "playable.h"
+#include "screen/file_lock.h"
 
 namespace meru_tool {
 
@@ -22,34 +24,35 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/// How the name of an index goes on that is not to be found again.
+constexpr char kServed[] = ".done";
+
 /// The indexes of a folder, by name.
 std::vector<fs::path> indexes_in(const std::string& folder) {
-  const std::string suffix = kIndexSuffix;
   std::vector<fs::path> found;
   std::error_code error;
   for (fs::directory_iterator at(folder, error); !error && at != fs::directory_iterator(); at.increment(error)) {
-    const std::string name = at->path().filename().string();
-    const bool named_so =
-        name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
     std::error_code gone;
-    if (named_so && at->is_regular_file(gone)) found.push_back(at->path().lexically_normal());
+    if (!movie_of_index(at->path().string()).empty() && at->is_regular_file(gone))
+      found.push_back(at->path().lexically_normal());
   }
   if (error) throw Failure("cannot look into " + folder + ": " + error.message());
   std::sort(found.begin(), found.end());
   return found;
 }
 
-std::string movie_of(const fs::path& index) {
-  const std::string path = index.string();
-  return path.substr(0, path.size() - (sizeof(kIndexSuffix) - 1));
+/// A name with a number in it, from the second one on.
+std::string numbered(const std::string& before_number, int number, const std::string& behind) {
+  return before_number + (number > 1 ? "-" + std::to_string(number) : "") + behind;
 }
+
+/// What the repaired movie is called before its number.
+std::string repaired_stem(const fs::path& movie) { return (movie.parent_path() / movie.stem()).string() + ".repaired"; }
 
 /// Makes an empty file that nobody else has: of this name, or with a number when that is taken.
 std::string reserve(const std::string& before_number, const std::string& behind) {
   for (int number = 1;; ++number) {
-    std::string path = before_number;
-    if (number > 1) path += "-" + std::to_string(number);
-    path += behind;
+    std::string path = numbered(before_number, number, behind);
     const Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (fd.get() >= 0) return path;
     if (errno != EEXIST) throw Failure("cannot write " + path + ": " + error_text(errno));
@@ -66,11 +69,11 @@ bool is_empty_or_missing(const fs::path& path) {
 class Recovery {
  public:
   Recovery(const fs::path& index, const RecoverTalk& talk)
-      : m_index(index.string()), m_movie(movie_of(index)), m_talk(talk) {}
+      : m_index(unmistakable(index.string())), m_movie(movie_of_index(index.string())), m_talk(talk) {}
 
   /// @return an exit status. Throws a Failure when the movie cannot be repaired
   int run() const {
-    const std::optional<IndexLock> lock = IndexLock::to_repair(m_index);
+    const std::optional<FileLock> lock = FileLock::to_repair(m_index);
     if (!lock.has_value() || is_being_written(m_movie)) {
       if (m_talk.tell_of_used) m_talk.say("left alone: " + m_index + " is in use");
       return EXIT_SUCCESS;
@@ -94,8 +97,7 @@ class Recovery {
       return EXIT_SUCCESS;
     }
     const fs::path movie(m_movie);
-    const std::string output =
-        reserve((movie.parent_path() / movie.stem()).string() + ".repaired", movie.extension().string());
+    const std::string output = reserve(repaired_stem(movie), movie.extension().string());
     const RepairResult result = run_repair({m_movie, m_index, output}, m_talk.show);
     if (result.exit_code != EXIT_SUCCESS) {
       unlink(output.c_str());  // the movie and its index are still there
@@ -110,7 +112,7 @@ class Recovery {
 
   /// It is kept, as the movie is: what a repair of today leaves out, another may bring back.
   void put_index_aside() const {
-    const std::string aside = reserve(m_index + ".done", "");
+    const std::string aside = reserve(m_index + kServed, "");
     fs::rename(m_index, aside);
     m_talk.say("the index is now " + aside);
   }
@@ -152,6 +154,24 @@ class KeptOutputs {
 };
 
 }  // namespace
+
+std::string movie_of_index(const std::string& index) {
+  constexpr size_t kLength = sizeof(kIndexSuffix) - 1;
+  const std::string name = fs::path(index).filename().string();
+  if (name.size() <= kLength || name.compare(name.size() - kLength, kLength, kIndexSuffix) != 0) return {};
+  return unmistakable(index.substr(0, index.size() - kLength));
+}
+
+std::string repaired_movie_of(const std::string& movie) {
+  std::error_code error;
+  if (!fs::exists(movie + kIndexSuffix + kServed, error)) return {};
+  std::string last;
+  for (int number = 1;; ++number) {
+    const std::string path = numbered(repaired_stem(movie), number, fs::path(movie).extension().string());
+    if (!fs::exists(path, error)) return last;
+    last = path;
+  }
+}
 
 RecoverResult recover_folder(const std::string& folder, const RecoverTalk& talk) {
   RecoverResult result;

@@ -5,12 +5,16 @@
 #include <string>
 
 #include "repair_run.h"
-#include "screen/index_lock.h"
 
 namespace meru_tool {
 
 /// How the name of an index goes on behind that of its movie: "movie.mp4.meru-index" belongs to "movie.mp4".
 constexpr char kIndexSuffix[] = ".meru-index";
+
+/// The movie of an index of such a name, so that nothing takes its beginning for a protocol; empty for another name.
+std::string movie_of_index(const std::string& index);
+/// The last repaired movie beside one whose index has served; empty when there is none.
+std::string repaired_movie_of(const std::string& movie);
 
 /// How the user is told of what was found and done.
 struct RecoverTalk {
