@@ -31,11 +31,13 @@ void use_named_colours(SwsContext* sws, const ImageFormat& src, int colorspace, 
                            dst_matrix, dst_full, 0, 1 << 16, 1 << 16);
 }
 
+int64_t pixels_of(const ImageFormat& image) { return static_cast<int64_t>(image.width) * image.height; }
+
 /// Threads that take turns at small images cost more than they save.
 int threads_for(const ImageFormat& src, const ImageFormat& dst) {
-  constexpr int64_t kWorthThreads = int64_t{640} * 360;
-  const int64_t most = std::max(int64_t{src.width} * src.height, int64_t{dst.width} * dst.height);
-  return most >= kWorthThreads ? SharedWork::usual_threads() : 1;
+  constexpr ImageFormat kWorthThreads{640, 360, AV_PIX_FMT_NONE};
+  const int64_t most = std::max(pixels_of(src), pixels_of(dst));
+  return most >= pixels_of(kWorthThreads) ? SharedWork::usual_threads() : 1;
 }
 
 SwsPtr make_context(const ImageFormat& src, const ImageFormat& dst, int threads) {
