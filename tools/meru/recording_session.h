@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -39,7 +40,7 @@ class RecordingSession {
   void finish();
 
   void* handle() const { return m_session; }
-  /// The movie's frame rate.
+  /// The movie's frame rate, 0 before the start. From any thread.
   int fps() const { return m_fps; }
 
   /// Whether the image that was pushed last stands in the movie: the library leaves out one whose time does not rise by
@@ -68,7 +69,7 @@ class RecordingSession {
   const Diagnostics* m_diagnostics;
   const Ways m_ways;
   void* m_session = nullptr;
-  int m_fps = 0;
+  std::atomic<int> m_fps{0};
   long long m_last_place = 0;  // the video thread's
   mutable std::mutex m_mutex;
   std::condition_variable m_answered;
