@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <new>
 
 #include "console.h"
 #include "failure.h"
@@ -57,19 +58,34 @@ ScreenRecorder::~ScreenRecorder() = default;
 void ScreenRecorder::open_sound_source() {
   if (m_options->audio == "none") return;
   const SoundFormat format{m_options->rate, m_options->channels};
-  m_sound = std::make_unique<SoundTrack>(format, &m_session);
+  m_sound = std::make_unique<SoundTrack>(format, &m_session, [this](bool missing) { tell_missing_sound(missing); });
   SoundListener listener;
   listener.on_sound = [this](const uint8_t* pcm, size_t bytes, int64_t taken) { m_sound->add(pcm, bytes, taken); };
-  listener.on_lost = [this](const std::string& reason) {
-    m_sound->lose();
-    m_events->tell("sound_lost", seconds(), {{"reason", reason}}, "the sound is lost, silence follows: " + reason);
-  };
+  listener.on_lost = [this](const std::string& reason) { lose_sound(reason); };
   try {
     m_sound_source = open_sound(m_options->audio, format, listener);
   } catch (const Failure& e) {
     if (m_options->audio != "default") throw;
     m_sound.reset();
     m_events->tell("no_sound", 0, {{"reason", e.what()}}, std::string("without sound: ") + e.what());
+  }
+}
+
+/// Called back by a library of C, which no exception may pass.
+void ScreenRecorder::lose_sound(const std::string& reason) noexcept {
+  m_sound->lose();
+  try {
+    m_events->tell("sound_lost", seconds(), {{"reason", reason}}, "the sound is lost, silence follows: " + reason);
+  } catch (const std::bad_alloc&) {
+    return;  // without memory nothing can be told
+  }
+}
+
+void ScreenRecorder::tell_missing_sound(bool missing) const {
+  if (missing) {
+    m_events->tell("sound_missing", seconds(), Json::object(), "no sound comes: silence until it does");
+  } else {
+    m_events->tell("sound_back", seconds(), Json::object(), "the sound is back");
   }
 }
 

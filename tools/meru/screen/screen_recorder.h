@@ -50,6 +50,8 @@ class ScreenRecorder {
   using Clock = DisplayWatch::Clock;
 
   void open_sound_source();
+  void lose_sound(const std::string& reason) noexcept;
+  void tell_missing_sound(bool missing) const;
   bool stop_asked();
   void tell_start() const;
   void record(Progress* progress);

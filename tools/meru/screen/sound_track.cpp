@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "meru/recording.h"
+#include "screen/steady_usec.h"
 
 namespace meru_tool {
 
@@ -17,29 +19,38 @@ constexpr std::chrono::milliseconds kLastSound{300};
 // beyond, sound is missing.
 constexpr int64_t kSmallUsec = 5000;
 constexpr int64_t kHoleUsec = 40000;
+// A server that hangs, or a device that rests, gives nothing, and its outputs must not wait for it. The sink of a
+// machine that has played nothing yet takes its time.
+constexpr int64_t kMissingUsec = 2000000;
+constexpr int64_t kFirstUsec = 5000000;
 constexpr size_t kKeptSeconds = 2;
 constexpr size_t kMostSeconds = 10;
 
-int64_t steady_usec() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
-
 }  // namespace
 
-SoundTrack::SoundTrack(const SoundFormat& format, RecordingSession* session)
-    : m_format(format), m_frame_bytes(static_cast<size_t>(format.channels * kSampleBytes)), m_session(session) {}
+SoundTrack::SoundTrack(const SoundFormat& format, RecordingSession* session, std::function<void(bool)> on_missing)
+    : m_format(format),
+      m_frame_bytes(static_cast<size_t>(format.channels * kSampleBytes)),
+      m_session(session),
+      m_on_missing(std::move(on_missing)) {}
 
 SoundTrack::~SoundTrack() {
   if (m_thread.joinable()) finish(0);
 }
 
-void SoundTrack::add(const uint8_t* pcm, size_t bytes, int64_t taken_usec) {
+void SoundTrack::add(const uint8_t* pcm, size_t bytes, int64_t taken_usec) noexcept {
   // The two clocks run apart by a little, so the way from one to the other is looked at each time.
-  const int64_t taken = taken_usec + MERU_current_sys_usec() - steady_usec();
+  const int64_t now = steady_usec();
+  const int64_t taken = taken_usec + MERU_current_sys_usec() - now;
   const std::lock_guard<std::mutex> lock(m_mutex);
+  m_given = now;
+  m_given_any = true;
   if (m_paused || m_ended) return;
-  m_pieces.push_back({{pcm, pcm + bytes - bytes % m_frame_bytes}, taken});
+  try {
+    m_pieces.push_back({{pcm, pcm + bytes - bytes % m_frame_bytes}, taken});
+  } catch (const std::bad_alloc&) {
+    return;  // the caller is a library of C, which no exception may pass
+  }
   m_bytes += m_pieces.back().pcm.size();
   forget_old();
   m_changed.notify_all();
@@ -64,6 +75,7 @@ void SoundTrack::lose() {
 void SoundTrack::begin(int64_t usec) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_from = m_reached = m_anchor = m_last_stamp = usec;
+  m_given = steady_usec();
   m_thread = std::thread(&SoundTrack::run, this);
 }
 
@@ -105,8 +117,12 @@ void SoundTrack::push_all() {
   Piece piece;
   for (;;) {
     const Next next = wait(&piece);
-    if (next == Next::kPiece) push(&piece);
-    if (next == Next::kSilence || next == Next::kEnd) push_silence(piece.taken - end());
+    tell_missing(next);
+    if (next == Next::kPiece) {
+      push(&piece);
+    } else if (next != Next::kNothing) {
+      push_silence(piece.taken - end());
+    }
     if (next == Next::kEnd) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_reached = end();
@@ -129,7 +145,20 @@ SoundTrack::Next SoundTrack::wait(Piece* piece) {
   }
   piece->taken = m_paused ? end() : std::min<int64_t>(m_until, MERU_current_sys_usec());
   if (m_ended) return Next::kEnd;
-  return m_lost ? Next::kSilence : Next::kNothing;
+  if (m_lost) return Next::kSilence;
+  return source_is_silent() ? Next::kMissing : Next::kNothing;
+}
+
+/// With m_mutex locked.
+bool SoundTrack::source_is_silent() const {
+  return !m_paused && steady_usec() - m_given >= (m_given_any ? kMissingUsec : kFirstUsec);
+}
+
+void SoundTrack::tell_missing(Next next) {
+  const bool missing = next == Next::kMissing;
+  if (missing == m_missing || (!missing && next != Next::kPiece)) return;
+  m_missing = missing;
+  m_on_missing(missing);
 }
 
 /// Behind a pause. With m_mutex locked.

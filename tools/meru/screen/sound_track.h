@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -16,13 +17,15 @@ namespace meru_tool {
 /// nothing. Pushed by a thread of its own. Times are microseconds on the library's clock.
 class SoundTrack {
  public:
-  SoundTrack(const SoundFormat& format, RecordingSession* session);
+  /// @param on_missing  told on the track's thread: true when the source has given nothing for some seconds, so that
+  ///                    silence follows, and false when it gives something again
+  SoundTrack(const SoundFormat& format, RecordingSession* session, std::function<void(bool missing)> on_missing);
   ~SoundTrack();
   SoundTrack(const SoundTrack&) = delete;
   SoundTrack& operator=(const SoundTrack&) = delete;
 
-  /// From the source's thread. @param taken_usec  on the steady clock
-  void add(const uint8_t* pcm, size_t bytes, int64_t taken_usec);
+  /// From the source's thread. Without memory for it the piece is left out. @param taken_usec  on the steady clock
+  void add(const uint8_t* pcm, size_t bytes, int64_t taken_usec) noexcept;
   /// Nothing more will be added: silence follows. From any thread.
   void lose();
 
@@ -39,10 +42,12 @@ class SoundTrack {
     std::vector<uint8_t> pcm;
     int64_t taken = 0;
   };
-  enum class Next { kPiece, kSilence, kNothing, kEnd };
+  enum class Next { kPiece, kSilence, kMissing, kNothing, kEnd };
 
   void run();
   Next wait(Piece* piece);
+  bool source_is_silent() const;
+  void tell_missing(Next next);
   void begin_anew();
   void forget_old();
   void push_all();
@@ -59,6 +64,7 @@ class SoundTrack {
   const SoundFormat m_format;
   const size_t m_frame_bytes;
   RecordingSession* m_session;
+  const std::function<void(bool missing)> m_on_missing;
   std::thread m_thread;
 
   std::mutex m_mutex;
@@ -66,6 +72,8 @@ class SoundTrack {
   std::deque<Piece> m_pieces;                              // guarded by m_mutex
   size_t m_bytes = 0;                                      // guarded by m_mutex: in the pieces
   bool m_lost = false, m_paused = false, m_ended = false;  // guarded by m_mutex
+  int64_t m_given = 0;                                     // guarded by m_mutex: when, on the steady clock
+  bool m_given_any = false;                                // guarded by m_mutex
   int64_t m_from = 0;                                      // guarded by m_mutex: what was taken before is left out
   int64_t m_pauses = 0;                                    // guarded by m_mutex: not looked at yet by the thread
   int64_t m_until = INT64_MAX;                             // guarded by m_mutex: what was taken later is left out
@@ -76,6 +84,7 @@ class SoundTrack {
   int64_t m_samples = 0;     // of the run
   int64_t m_last_stamp = 0;  // of the last push, from which the library counts silence
   bool m_library_aligns = false;
+  bool m_missing = false;  // as was told
 };
 
 }  // namespace meru_tool
