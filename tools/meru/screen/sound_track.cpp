@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -15,10 +16,11 @@ namespace {
 constexpr int64_t kSampleBytes = 2;
 constexpr std::chrono::milliseconds kSilencePiece{50};
 constexpr std::chrono::milliseconds kLastSound{300};
-// A device's clock is a little off. Up to here a sample more or less in a piece, which nobody hears, makes up for it;
+// A device's clock is a little off. Up to here a sample more or less now and then, which nobody hears, makes up for it;
 // beyond, sound is missing.
 constexpr int64_t kSmallUsec = 5000;
 constexpr int64_t kHoleUsec = 40000;
+constexpr int64_t kBetweenBends = 15000;
 // A server that hangs, or a device that rests, gives nothing, and its outputs must not wait for it. The sink of a
 // machine that has played nothing yet takes its time.
 constexpr int64_t kMissingUsec = 2000000;
@@ -122,6 +124,7 @@ void SoundTrack::push_all() {
       push(&piece);
     } else if (next != Next::kNothing) {
       push_silence(piece.taken - end());
+      m_behind_silence = true;
     }
     if (next == Next::kEnd) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -186,14 +189,25 @@ void SoundTrack::follow_clock(Piece* piece) {
   // The library brings the first sound behind a pause to exactly its stamp.
   if (std::exchange(m_library_aligns, false)) m_anchor = piece->taken;
   const int64_t late = piece->taken - end();
-  if (late > kHoleUsec || (late > 0 && m_samples == 0)) {
+  // There is nothing yet that a jump would tear.
+  const bool begins = m_samples == 0 || m_behind_silence;
+  if (late > kHoleUsec || (late > 0 && begins)) {
     push_silence(late);
-  } else if (late < -kHoleUsec) {
+  } else if (late < -kHoleUsec || (late < 0 && begins)) {
     cut_front(piece, end());
-  } else if (late > kSmallUsec) {
+  } else if (std::abs(late) > kSmallUsec) {
+    bend(piece, late);
+  }
+}
+
+/// Makes the run of samples longer or shorter by one. A server that is in a hurry gives pieces of a few samples.
+void SoundTrack::bend(Piece* piece, int64_t late) {
+  if (m_since_bend < samples_of(kBetweenBends)) return;
+  m_since_bend = 0;
+  if (late > 0) {
     const std::vector<uint8_t> last(piece->pcm.end() - static_cast<ptrdiff_t>(m_frame_bytes), piece->pcm.end());
     piece->pcm.insert(piece->pcm.end(), last.begin(), last.end());
-  } else if (late < -kSmallUsec) {
+  } else {
     piece->pcm.resize(piece->pcm.size() - m_frame_bytes);
   }
 }
@@ -201,6 +215,8 @@ void SoundTrack::follow_clock(Piece* piece) {
 void SoundTrack::push(Piece* piece) {
   follow_clock(piece);
   if (piece->pcm.empty()) return;
+  m_behind_silence = false;
+  m_since_bend += count(*piece);
   m_last_stamp = end();
   m_samples += count(*piece);
   m_session->check_pushed(

@@ -56,6 +56,7 @@ class SoundTrack {
   void cut_front(Piece* piece, int64_t until) const;
   void cut_back(Piece* piece) const;
   void follow_clock(Piece* piece);
+  void bend(Piece* piece, int64_t late);
   int64_t samples_of(int64_t usec) const { return usec * m_format.sample_rate / 1000000; }
   int64_t usec_of(int64_t samples) const { return samples * 1000000 / m_format.sample_rate; }
   int64_t count(const Piece& piece) const { return static_cast<int64_t>(piece.pcm.size() / m_frame_bytes); }
@@ -82,9 +83,11 @@ class SoundTrack {
   // The thread's own:
   int64_t m_anchor = 0;      // where the run of samples began
   int64_t m_samples = 0;     // of the run
+  int64_t m_since_bend = 0;  // samples
   int64_t m_last_stamp = 0;  // of the last push, from which the library counts silence
   bool m_library_aligns = false;
-  bool m_missing = false;  // as was told
+  bool m_missing = false;         // as was told
+  bool m_behind_silence = false;  // there was no sound before the next piece
 };
 
 }  // namespace meru_tool
