@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -48,6 +50,8 @@ class RecordingSession {
   bool image_was_taken();
   /// The number of the last image's place on the grid of the frame rate, for the same thread.
   long long last_place() const { return m_last_place; }
+  /// Pushes sound, or with null the silence since the last push, as the library does. Throws a Failure when it fails.
+  void push_sound(uint8_t* pcm, size_t bytes, int64_t usec) const;
   /// Throws a Failure for a negative result of a push.
   void check_pushed(int result) const;
 

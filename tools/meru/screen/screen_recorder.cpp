@@ -58,7 +58,11 @@ ScreenRecorder::~ScreenRecorder() = default;
 void ScreenRecorder::open_sound_source() {
   if (m_options->audio == "none") return;
   const SoundFormat format{m_options->rate, m_options->channels};
-  m_sound = std::make_unique<SoundTrack>(format, &m_session, [this](bool missing) { tell_missing_sound(missing); });
+  SoundTrack::Ways ways;
+  ways.push = [this](uint8_t* pcm, size_t bytes, int64_t usec) { m_session.push_sound(pcm, bytes, usec); };
+  ways.on_failure = [this](const std::string& reason) { m_session.note_failure(reason); };
+  ways.on_missing = [this](bool missing) { tell_missing_sound(missing); };
+  m_sound = std::make_unique<SoundTrack>(format, ways);
   SoundListener listener;
   listener.on_sound = [this](const uint8_t* pcm, size_t bytes, int64_t taken) { m_sound->add(pcm, bytes, taken); };
   listener.on_lost = [this](const std::string& reason) { lose_sound(reason); };

@@ -30,11 +30,8 @@ constexpr size_t kMostSeconds = 10;
 
 }  // namespace
 
-SoundTrack::SoundTrack(const SoundFormat& format, RecordingSession* session, std::function<void(bool)> on_missing)
-    : m_format(format),
-      m_frame_bytes(static_cast<size_t>(format.channels * kSampleBytes)),
-      m_session(session),
-      m_on_missing(std::move(on_missing)) {}
+SoundTrack::SoundTrack(const SoundFormat& format, Ways ways)
+    : m_format(format), m_frame_bytes(static_cast<size_t>(format.channels * kSampleBytes)), m_ways(std::move(ways)) {}
 
 SoundTrack::~SoundTrack() {
   if (m_thread.joinable()) finish(0);
@@ -111,7 +108,7 @@ void SoundTrack::run() {
   try {
     push_all();
   } catch (const std::exception& e) {
-    m_session->note_failure(e.what());
+    m_ways.on_failure(e.what());
   }
 }
 
@@ -161,7 +158,7 @@ void SoundTrack::tell_missing(Next next) {
   const bool missing = next == Next::kMissing;
   if (missing == m_missing || (!missing && next != Next::kPiece)) return;
   m_missing = missing;
-  m_on_missing(missing);
+  m_ways.on_missing(missing);
 }
 
 /// Behind a pause. With m_mutex locked.
@@ -219,8 +216,7 @@ void SoundTrack::push(Piece* piece) {
   m_since_bend += count(*piece);
   m_last_stamp = end();
   m_samples += count(*piece);
-  m_session->check_pushed(
-      MERU_write_audio_pcm(m_session->handle(), piece->pcm.data(), static_cast<int>(piece->pcm.size()), m_last_stamp));
+  m_ways.push(piece->pcm.data(), piece->pcm.size(), m_last_stamp);
 }
 
 /// The library fills the time since its last stamp.
@@ -228,7 +224,7 @@ void SoundTrack::push_silence(int64_t usec) {
   if (samples_of(usec) <= 0) return;
   m_last_stamp += usec;
   m_samples += samples_of(usec);
-  m_session->check_pushed(MERU_write_audio_pcm(m_session->handle(), nullptr, 0, m_last_stamp));
+  m_ways.push(nullptr, 0, m_last_stamp);
 }
 
 }  // namespace meru_tool

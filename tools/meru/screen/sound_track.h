@@ -5,10 +5,10 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
-#include "recording_session.h"
 #include "screen/sound_source.h"
 
 namespace meru_tool {
@@ -17,9 +17,18 @@ namespace meru_tool {
 /// nothing. Pushed by a thread of its own. Times are microseconds on the library's clock.
 class SoundTrack {
  public:
-  /// @param on_missing  told on the track's thread: true when the source has given nothing for some seconds, so that
-  ///                    silence follows, and false when it gives something again
-  SoundTrack(const SoundFormat& format, RecordingSession* session, std::function<void(bool missing)> on_missing);
+  /// What is called on the track's thread.
+  struct Ways {
+    /// Takes sound whose first sample belongs to that time; or with null silence, as much as has passed since the time
+    /// of the call before. Throws to end the track.
+    std::function<void(uint8_t* pcm, size_t bytes, int64_t usec)> push;
+    /// Told what was thrown.
+    std::function<void(const std::string& reason)> on_failure;
+    /// True when the source has given nothing for some seconds, so that silence follows, and false when it gives
+    /// something again.
+    std::function<void(bool missing)> on_missing;
+  };
+  SoundTrack(const SoundFormat& format, Ways ways);
   ~SoundTrack();
   SoundTrack(const SoundTrack&) = delete;
   SoundTrack& operator=(const SoundTrack&) = delete;
@@ -64,8 +73,7 @@ class SoundTrack {
 
   const SoundFormat m_format;
   const size_t m_frame_bytes;
-  RecordingSession* m_session;
-  const std::function<void(bool missing)> m_on_missing;
+  const Ways m_ways;
   std::thread m_thread;
 
   std::mutex m_mutex;
