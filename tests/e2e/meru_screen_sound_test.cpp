@@ -72,6 +72,17 @@ std::vector<Flash> flashes(const std::string& movie) {
   return found;
 }
 
+/// What part of most tenths of a second is the tone of 1000 Hz. A player that gets no processor for a moment tears it.
+double usual_tone_share(const std::vector<int16_t>& samples) {
+  constexpr ptrdiff_t kTenth = kRate / 10;
+  std::vector<double> shares;
+  for (auto at = samples.begin(); samples.end() - at >= kTenth; at += kTenth) {
+    shares.push_back(tone_share({at, at + kTenth}, kRate, 1000));
+  }
+  std::sort(shares.begin(), shares.end());
+  return shares.empty() ? 0 : shares[shares.size() / 2];
+}
+
 /// What was printed so far, without a last line that is not complete.
 std::string whole_lines(const std::string& text) { return text.substr(0, text.rfind('\n') + 1); }
 
@@ -153,7 +164,7 @@ TEST_F(MeruScreenSoundTest, ToneThatIsPlayedIsInTheMovie) {
     const std::vector<int16_t> all = sound();
     ASSERT_GE(all.size(), static_cast<size_t>(1.8 * kRate)) << source;
     const std::vector<int16_t> middle(all.begin() + kRate / 2, all.begin() + kRate * 3 / 2);
-    EXPECT_GT(tone_share(middle, kRate, 1000), 0.9) << source;
+    EXPECT_GT(usual_tone_share(middle), 0.9) << source;
     EXPECT_GT(loudest(middle), 8000) << source;
   }
 }
@@ -199,9 +210,10 @@ TEST_F(MeruScreenSoundTest, ServerThatHangsLeavesSilenceUntilItGoesOn) {
   const double missing = event_in(recording.out(), "sound_missing")["time"];
   EXPECT_NEAR(static_cast<double>(all.size()) / kRate, event_in(recording.out(), "finished")["time"], 0.3);
   ASSERT_GT(missing, 1.5);
-  const auto told = all.begin() + static_cast<ptrdiff_t>(missing * kRate);
-  EXPECT_LT(loudest({told - kRate, told}), 100);
-  EXPECT_GT(tone_share({all.end() - kRate * 3 / 4, all.end() - kRate / 4}, kRate, 1000), 0.9);
+  // It was told some images before or behind this, and the sound may be back by then.
+  const auto silent = all.begin() + static_cast<ptrdiff_t>((missing - 0.2) * kRate);
+  EXPECT_LT(loudest({silent - kRate, silent}), 100);
+  EXPECT_GT(usual_tone_share({all.end() - kRate * 3 / 4, all.end() - kRate / 4}), 0.9);
 }
 
 TEST_F(MeruScreenSoundTest, ServerMayGoWhileALiveOutputConnects) {
