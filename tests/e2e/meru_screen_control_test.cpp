@@ -1,5 +1,6 @@
 // The command `meru screen` while it runs: keys, signals, pauses, events, and a display that goes.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -71,6 +72,7 @@ TEST_F(MeruScreenControlTest, PausedTimeIsNotInTheMovie) {
   EXPECT_NEAR(number(probe_stream(movie(), "video"), "duration"), finished["time"].get<double>(), 0.041);
   const std::vector<int> numbers = Pattern::numbers_in(movie(), kWidth, kHeight);
   EXPECT_EQ(static_cast<int>(numbers.size()), finished["frames"].get<int>());
+  EXPECT_THAT(numbers, testing::Each(testing::Ge(0)));
   int largest = 0;
   for (size_t i = 1; i < numbers.size(); ++i) largest = std::max(largest, numbers[i] - numbers[i - 1]);
   EXPECT_GE(largest, 1.4 * Pattern::kPerSecond) << "the pause is in the movie";
@@ -106,20 +108,70 @@ TEST_F(MeruScreenControlTest, DisplayThatGoesLeavesACompleteMovie) {
   m_display.end();
   EXPECT_EQ(tool.wait(), 1);
   EXPECT_EQ(tool.err(), "meru: the display has gone: the movie ends there\n");
-  EXPECT_FALSE(event_in(tool.out(), "display_lost").is_null());
+  EXPECT_EQ(event_in(tool.out(), "display_lost")["reason"], "the display has gone");
   EXPECT_EQ(decode_errors(movie()), "");
   EXPECT_EQ(count_frames(movie()), event_in(tool.out(), "finished")["frames"]);
   EXPECT_FALSE(has("m.mp4.meru-index"));
 }
 
 TEST_F(MeruScreenControlTest, StopDoesNotWaitForADisplayThatHangs) {
-  ScreenProcess tool(m_folder, m_display, "--json --progress 50 -o m.mp4");
-  ASSERT_TRUE(tool.has_recorded(0.5));
+  ScreenProcess tool(m_folder, m_display, "--json --progress 3600000 -o m.mp4");
+  ASSERT_TRUE(tool.tells("started"));
+  ASSERT_TRUE(eventually([&] { return has("m.mp4") && std::filesystem::file_size(movie()) > 1000; }));
   m_display.suspend();
+  // Many images were due meanwhile, so the question for one is open.
+  ASSERT_FALSE(eventually([&] { return !tool.is_running(); }, std::chrono::milliseconds(300)));
   tool.send(SIGINT);
   EXPECT_EQ(tool.wait(), 0) << tool.err();
   m_display.resume();
   EXPECT_EQ(decode_errors(movie()), "");
+  EXPECT_TRUE(event_in(tool.out(), "progress").is_null()) << tool.out();
+}
+
+TEST_F(MeruScreenControlTest, SecondsEndAlsoWhenTheDisplayHangs) {
+  ScreenProcess tool(m_folder, m_display, "--json --progress 50 --seconds 2 -o m.mp4");
+  ASSERT_TRUE(tool.has_recorded(0.5));
+  m_display.suspend();
+  EXPECT_EQ(tool.wait(), 1);
+  m_display.resume();
+  EXPECT_EQ(tool.err(), "meru: the display does not answer: the movie ends there\n");
+  EXPECT_EQ(event_in(tool.out(), "display_lost")["reason"], "the display does not answer");
+  EXPECT_EQ(decode_errors(movie()), "");
+  EXPECT_LT(event_in(tool.out(), "finished")["time"], 2);
+  EXPECT_FALSE(has("m.mp4.meru-index"));
+}
+
+TEST_F(MeruScreenControlTest, DisplayThatHangsAndGoesOnIsToldAndRecordedOn) {
+  XProgram client(m_display, {MERU_PATTERN_CLIENT});
+  ASSERT_TRUE(client.says("ready"));
+  ScreenProcess tool(m_folder, m_display, "--json --progress 50 -o m.mp4");
+  ASSERT_TRUE(tool.has_recorded(0.5));
+  m_display.suspend();
+  ASSERT_TRUE(tool.tells("display_hangs"));
+  m_display.resume();
+  ASSERT_TRUE(tool.tells("display_answers"));
+  const double back = event_in(tool.out(), "display_answers")["time"];
+  ASSERT_TRUE(tool.has_recorded(back + 1));
+  tool.send(SIGINT);
+  EXPECT_EQ(tool.wait(), 0) << tool.err();
+  EXPECT_EQ(decode_errors(movie()), "");
+  // The hang is in the movie: three seconds pass in it before anything is said.
+  const PacedPattern pattern(movie(), kWidth, kHeight);
+  EXPECT_GE(pattern.longest_gap(), 2.9);
+  // The client hung, too, and drew an old number when it went on.
+  pattern.expect_in_step(0.08, 0.8);
+  EXPECT_EQ(line_count(tool.out()), static_cast<long>(events_in(tool.out()).size()));
+}
+
+TEST_F(MeruScreenControlTest, DisplayThatGivesNoMoreImagesEndsTheMovieAndSaysWhy) {
+  ScreenProcess tool(m_folder, m_display, "--json --progress 50 -o m.mp4");
+  ASSERT_TRUE(tool.has_recorded(0.5));
+  XProgram client(m_display, {MERU_PATTERN_CLIENT, "unshare"});
+  EXPECT_EQ(tool.wait(), 1);
+  EXPECT_THAT(tool.err(), testing::StartsWith("meru: the display gives no image: X11 error "));
+  EXPECT_THAT(event_in(tool.out(), "display_lost")["reason"].get<std::string>(), testing::HasSubstr("X11 error"));
+  EXPECT_EQ(decode_errors(movie()), "");
+  EXPECT_EQ(count_frames(movie()), event_in(tool.out(), "finished")["frames"]);
 }
 
 TEST_F(MeruScreenControlTest, WithoutASoundServerThereIsNoSoundAndItIsSaid) {
@@ -128,6 +180,9 @@ TEST_F(MeruScreenControlTest, WithoutASoundServerThereIsNoSoundAndItIsSaid) {
   const ToolRun run = m_folder.run(command, nowhere);
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.out.find("without sound: "), std::string::npos) << run.out;
+  const ToolRun told = m_folder.run(command + " --json", nowhere);
+  EXPECT_EQ(event_in(told.out, "no_sound")["reason"].get<std::string>().rfind("no sound server", 0), 0U) << told.out;
+  EXPECT_EQ(event_in(told.out, "started")["sound"], false);
   EXPECT_TRUE(probe_stream(movie(), "audio").is_null());
   const ToolRun named = m_folder.run(command + " --audio desk", nowhere);
   EXPECT_EQ(named.status, 1) << named.out;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -12,10 +13,12 @@
 #include <string>
 #include <vector>
 
+#include "support/dead_network.h"
 #include "support/meru_tool.h"
 #include "support/probe.h"
 #include "support/pulse_player.h"
 #include "support/pulse_server.h"
+#include "support/screen_scene.h"
 #include "support/tone.h"
 #include "support/x_display.h"
 
@@ -28,9 +31,9 @@ constexpr int kRate = 48000;
 class MeruScreenSoundTest : public testing::Test {
  protected:
   /// The arguments of a recording of the corner of the screen with what the sink plays.
-  std::string arguments() const {
+  std::string arguments(const std::string& source = "speaker") const {
     return m_display.option() + "--preset ultrafast -o movie.mp4 --region 64x64+0+0 --fps " + std::to_string(kFps) +
-           " --audio speaker";
+           " --audio " + source;
   }
   std::string movie() const { return m_folder.file("movie.mp4"); }
 
@@ -47,20 +50,41 @@ class MeruScreenSoundTest : public testing::Test {
   ToolFolder m_folder;
 };
 
-/// When each flash of the movie begins, in seconds.
-std::vector<double> flashes(const std::string& movie) {
+/// The time in the movie between its last dark picture before a flash and the first white one. The window turned white
+/// somewhere between them.
+struct Flash {
+  double dark, white;
+  double middle() const { return (dark + white) / 2; }
+  double length() const { return white - dark; }
+};
+
+std::vector<Flash> flashes(const std::string& movie) {
   const std::string gray = decoded(movie, "-map 0:v -vf scale=1:1 -pix_fmt gray -f rawvideo " + every_picture());
   std::vector<ProbedPacket> packets = probe_packets(movie, "v:0");
   std::sort(packets.begin(), packets.end(), [](const auto& a, const auto& b) { return a.pts < b.pts; });
-  std::vector<double> begins;
+  std::vector<Flash> found;
   bool white = true;
   for (size_t i = 0; i < std::min(gray.size(), packets.size()); ++i) {
     const bool now_white = static_cast<uint8_t>(gray[i]) > 128;
-    if (now_white && !white) begins.push_back(packets[i].pts);
+    if (now_white && !white) found.push_back({packets[i - 1].pts, packets[i].pts});
     white = now_white;
   }
-  return begins;
+  return found;
 }
+
+/// What part of most tenths of a second is the tone of 1000 Hz. A player that gets no processor for a moment tears it.
+double usual_tone_share(const std::vector<int16_t>& samples) {
+  constexpr ptrdiff_t kTenth = kRate / 10;
+  std::vector<double> shares;
+  for (auto at = samples.begin(); samples.end() - at >= kTenth; at += kTenth) {
+    shares.push_back(tone_share({at, at + kTenth}, kRate, 1000));
+  }
+  std::sort(shares.begin(), shares.end());
+  return shares.empty() ? 0 : shares[shares.size() / 2];
+}
+
+/// What was printed so far, without a last line that is not complete.
+std::string whole_lines(const std::string& text) { return text.substr(0, text.rfind('\n') + 1); }
 
 /// Flashes and clicks while the screen is recorded. @return the moments of each, a line a flash
 std::string flash(const XDisplay& display, size_t count) {
@@ -70,9 +94,20 @@ std::string flash(const XDisplay& display, size_t count) {
   return client.output;
 }
 
+/// The click that is nearest to a time in the movie, in seconds: a client that was held up plays more than it shows.
+double nearest_click(const std::vector<int64_t>& clicks, double time) {
+  double nearest = -1000;
+  for (const int64_t click : clicks) {
+    const double seconds = static_cast<double>(click) / kRate;
+    if (std::abs(seconds - time) < std::abs(nearest - time)) nearest = seconds;
+  }
+  return nearest;
+}
+
 /// Expects each flash of a movie within a frame of its click.
 void expect_together(const std::string& movie, const std::vector<int16_t>& sound, const std::string& moments) {
-  const std::vector<double> white = flashes(movie);
+  constexpr double kFrame = 1.0 / kFps;
+  const std::vector<Flash> white = flashes(movie);
   const std::vector<int64_t> clicks = click_starts(sound, kRate);
   ASSERT_EQ(white.size(), static_cast<size_t>(line_count(moments)));
   ASSERT_GE(clicks.size(), white.size());
@@ -81,10 +116,12 @@ void expect_together(const std::string& movie, const std::vector<int16_t>& sound
     long long clicked = 0;
     long long shown = 0;
     lines >> clicked >> shown;
-    // On a busy machine the window turns white a little after the click.
-    const double made_apart = static_cast<double>(shown - clicked) / 1e6;
-    const double apart = white[i] - static_cast<double>(clicks[i]) / kRate;
-    EXPECT_NEAR(apart, made_apart, 1.0 / kFps) << "flash " << i;
+    // On a busy machine the window turns white a little after the click, and pictures are missing before it is seen.
+    const double click_due = white[i].middle() - static_cast<double>(shown - clicked) / 1e6;
+    const double unseen = std::max(white[i].length() - kFrame, 0.0) / 2;
+    EXPECT_NEAR(nearest_click(clicks, click_due), click_due, kFrame + unseen) << "flash " << i;
+    testing::Test::RecordProperty("apart_seconds_" + std::to_string(i),
+                                  std::to_string(nearest_click(clicks, click_due) - click_due));
   }
 }
 
@@ -121,13 +158,15 @@ TEST_F(MeruScreenSoundTest, PausesKeepSoundAndPictureTogether) {
 
 TEST_F(MeruScreenSoundTest, ToneThatIsPlayedIsInTheMovie) {
   const PulsePlayer player("speaker", PulsePlayer::tone(1000));
-  const ToolRun run = m_folder.run("screen " + arguments() + " --seconds 2");
-  ASSERT_EQ(run.status, 0) << run.err;
-  const std::vector<int16_t> all = sound();
-  ASSERT_GE(all.size(), static_cast<size_t>(1.8 * kRate));
-  const std::vector<int16_t> middle(all.begin() + kRate / 2, all.begin() + kRate * 3 / 2);
-  EXPECT_GT(tone_share(middle, kRate, 1000), 0.9);
-  EXPECT_GT(loudest(middle), 8000);
+  for (const char* source : {"speaker", "default"}) {
+    const ToolRun run = m_folder.run("screen " + arguments(source) + " --seconds 2");
+    ASSERT_EQ(run.status, 0) << run.err;
+    const std::vector<int16_t> all = sound();
+    ASSERT_GE(all.size(), static_cast<size_t>(1.8 * kRate)) << source;
+    const std::vector<int16_t> middle(all.begin() + kRate / 2, all.begin() + kRate * 3 / 2);
+    EXPECT_GT(usual_tone_share(middle), 0.9) << source;
+    EXPECT_GT(loudest(middle), 8000) << source;
+  }
 }
 
 TEST_F(MeruScreenSoundTest, ServerThatGoesLeavesAWholeMovieWithSilence) {
@@ -138,8 +177,8 @@ TEST_F(MeruScreenSoundTest, ServerThatGoesLeavesAWholeMovieWithSilence) {
   const double killed_at = recording.told_seconds();
   ASSERT_TRUE(recording.reaches(killed_at + 3)) << recording.err();
   recording.send(SIGINT);
-  ASSERT_NE(recording.wait(), -1);
-  EXPECT_NE((recording.err() + recording.out()).find("sound"), std::string::npos) << recording.err();
+  EXPECT_EQ(recording.wait(), 0) << recording.err();
+  EXPECT_NE(recording.out().find("the sound is lost, silence follows: "), std::string::npos) << recording.out();
   EXPECT_EQ(decode_errors(movie()), "");
 
   const std::vector<int16_t> all = sound();
@@ -151,6 +190,43 @@ TEST_F(MeruScreenSoundTest, ServerThatGoesLeavesAWholeMovieWithSilence) {
   const std::vector<int16_t> end(all.end() - kRate, all.end());
   EXPECT_GT(tone_share(begin, kRate, 1000), 0.9);
   EXPECT_LT(loudest(end), 100);
+}
+
+TEST_F(MeruScreenSoundTest, ServerThatHangsLeavesSilenceUntilItGoesOn) {
+  const PulsePlayer player("speaker", PulsePlayer::tone(1000));
+  ToolProcess recording(m_folder, arguments() + " --json --progress 50", -1, "screen");
+  ASSERT_TRUE(recording.says("\"event\":\"progress\""));
+  m_server.suspend();
+  ASSERT_TRUE(recording.says("\"event\":\"sound_missing\"")) << recording.out();
+  m_server.resume();
+  ASSERT_TRUE(recording.says("\"event\":\"sound_back\"")) << recording.out();
+  const double back = event_in(whole_lines(recording.out()), "sound_back")["time"];
+  ASSERT_TRUE(eventually([&] { return event_in(whole_lines(recording.out()), "progress")["time"] >= back + 2; }));
+  recording.send(SIGINT);
+  EXPECT_EQ(recording.wait(), 0) << recording.err();
+  EXPECT_EQ(decode_errors(movie()), "");
+
+  const std::vector<int16_t> all = sound();
+  const double missing = event_in(recording.out(), "sound_missing")["time"];
+  EXPECT_NEAR(static_cast<double>(all.size()) / kRate, event_in(recording.out(), "finished")["time"], 0.3);
+  ASSERT_GT(missing, 1.5);
+  // It was told some images before or behind this, and the sound may be back by then.
+  const auto silent = all.begin() + static_cast<ptrdiff_t>((missing - 0.2) * kRate);
+  EXPECT_LT(loudest({silent - kRate, silent}), 100);
+  EXPECT_GT(usual_tone_share({all.end() - kRate * 3 / 4, all.end() - kRate / 4}), 0.9);
+}
+
+TEST_F(MeruScreenSoundTest, ServerMayGoWhileALiveOutputConnects) {
+  const DeadNetwork dead(Death::kNeverAnswers, "rtmp");
+  const std::string arguments = m_display.option() + "--json --timeout 3 --audio speaker -o " + dead.url();
+  ToolProcess recording(m_folder, arguments, -1, "screen");
+  ASSERT_TRUE(recording.says("\"event\":\"connecting\""));
+  m_server.kill();
+  EXPECT_TRUE(recording.says("\"event\":\"sound_lost\"")) << recording.out();
+  EXPECT_EQ(recording.wait(), 1) << recording.err();
+  EXPECT_NE(event_in(recording.out(), "sound_lost")["reason"], "");
+  EXPECT_EQ(event_in(recording.out(), "sound_lost")["time"], 0);
+  EXPECT_FALSE(event_in(recording.out(), "failed").is_null()) << recording.out();
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 // Fills the screen with a known pattern whose number rises by the clock, until it is killed or the display goes.
-//   pattern_client [still NUMBER] [pointer X Y]
-// `still` keeps the number; `pointer` puts a red pointer of 16 by 16 pixels there. "ready" is said when all is drawn.
+//   pattern_client [still NUMBER] [pointer X Y] [unshare]
+// `still` keeps the number; `pointer` puts a red pointer of 16 by 16 pixels there. `unshare` takes the
+// memory away that other programs share with the display, which lets any of them do so. "ready" is said when all is
+// drawn.
 
+#include <xcb/shm.h>
 #include <xcb/xcb.h>
 
 #include <chrono>
@@ -74,6 +77,15 @@ class Client {
                      static_cast<int16_t>(y));
   }
 
+  /// A program's numbers of things begin where the server says, one space a program, and its memory is among the first.
+  void unshare_memory_of_others() const {
+    constexpr uint32_t kMostPrograms = 32, kFirstThings = 16;
+    const uint32_t space = xcb_get_setup(m_connection)->resource_id_mask + 1;
+    for (uint32_t program = 1; program < kMostPrograms; ++program) {
+      for (uint32_t thing = 0; thing < kFirstThings; ++thing) xcb_shm_detach(m_connection, program * space + thing);
+    }
+  }
+
   /// Waits until the server has drawn everything. @return false when it has gone
   bool finish() const {
     std::free(xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr));
@@ -101,6 +113,7 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
     if (word == "still" && i + 1 < argc) still = std::atoi(argv[i + 1]);
+    if (word == "unshare") client.unshare_memory_of_others();
     if (word == "pointer" && i + 2 < argc) client.show_pointer(std::atoi(argv[i + 1]), std::atoi(argv[i + 2]));
   }
   constexpr std::chrono::microseconds kStep{1000000 / Pattern::kPerSecond};

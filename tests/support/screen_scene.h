@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/meru_tool.h"
+#include "support/paced_pattern.h"
 #include "support/pattern.h"
 #include "support/probe.h"
 #include "support/x_display.h"

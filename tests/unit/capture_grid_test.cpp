@@ -40,6 +40,21 @@ TEST(CaptureGridTest, MomentBelongsToTheNearestPlace) {
   EXPECT_EQ(grid.nearest(kBegin + 5 * kFrame + kFrame / 2 - 1), 5);
 }
 
+struct TakenCase {
+  int64_t waited_usec, before_the_answer;
+};
+
+class CaptureGridTakenTest : public testing::TestWithParam<TakenCase> {};
+
+TEST_P(CaptureGridTakenTest, ImageIsOfTheMiddleButNeverFarFromItsAnswer) {
+  const int64_t given = kBegin + GetParam().waited_usec;
+  EXPECT_EQ(CaptureGrid::taken(25, kBegin, given), given - GetParam().before_the_answer);
+}
+
+INSTANTIATE_TEST_SUITE_P(Waits, CaptureGridTakenTest,
+                         testing::Values(TakenCase{0, 0}, TakenCase{3000, 1500}, TakenCase{kFrame, kFrame / 2},
+                                         TakenCase{kFrame + 1000, kFrame / 2}, TakenCase{10000000, kFrame / 2}));
+
 TEST(CaptureGridTest, PauseMovesWhatIsToCome) {
   CaptureGrid grid(25, kBegin);
   grid.leave_out(1000000);

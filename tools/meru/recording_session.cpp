@@ -136,6 +136,10 @@ bool RecordingSession::image_was_taken() {
   return rises;
 }
 
+void RecordingSession::push_sound(uint8_t* pcm, size_t bytes, int64_t usec) const {
+  check_pushed(MERU_write_audio_pcm(m_session, pcm, static_cast<int>(bytes), usec));
+}
+
 void RecordingSession::check_pushed(int result) const {
   if (result >= 0) return;
   const std::string reason = m_diagnostics->last_failure();

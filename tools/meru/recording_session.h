@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -39,7 +42,7 @@ class RecordingSession {
   void finish();
 
   void* handle() const { return m_session; }
-  /// The movie's frame rate.
+  /// The movie's frame rate, 0 before the start. From any thread.
   int fps() const { return m_fps; }
 
   /// Whether the image that was pushed last stands in the movie: the library leaves out one whose time does not rise by
@@ -47,6 +50,8 @@ class RecordingSession {
   bool image_was_taken();
   /// The number of the last image's place on the grid of the frame rate, for the same thread.
   long long last_place() const { return m_last_place; }
+  /// Pushes sound, or with null the silence since the last push, as the library does. Throws a Failure when it fails.
+  void push_sound(uint8_t* pcm, size_t bytes, int64_t usec) const;
   /// Throws a Failure for a negative result of a push.
   void check_pushed(int result) const;
 
@@ -68,7 +73,7 @@ class RecordingSession {
   const Diagnostics* m_diagnostics;
   const Ways m_ways;
   void* m_session = nullptr;
-  int m_fps = 0;
+  std::atomic<int> m_fps{0};
   long long m_last_place = 0;  // the video thread's
   mutable std::mutex m_mutex;
   std::condition_variable m_answered;

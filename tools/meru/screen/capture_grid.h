@@ -11,6 +11,12 @@ class CaptureGrid {
  public:
   CaptureGrid(int fps, int64_t begin_usec) : m_fps(fps), m_begin(begin_usec) {}
 
+  /// When an image was taken that was asked for and given at these times. The display copies it at some moment between
+  /// them; one that lets wait for long copies it once it goes on, which is at the end.
+  static int64_t taken(int fps, int64_t asked, int64_t given) {
+    return given - std::min(given - asked, kUsecPerSec / fps) / 2;
+  }
+
   int64_t due(int64_t place) const { return m_begin + place * kUsecPerSec / m_fps; }
   /// The place that an image of this moment gets in the movie.
   int64_t nearest(int64_t usec) const { return ((usec - m_begin) * m_fps + kUsecPerSec / 2) / kUsecPerSec; }

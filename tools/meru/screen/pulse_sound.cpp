@@ -1,11 +1,11 @@
 #include "screen/pulse_sound.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <utility>
 
 #include "failure.h"
+#include "screen/steady_usec.h"
 
 namespace meru_tool {
 
@@ -25,11 +25,6 @@ constexpr pa_usec_t kMostUntimed = PA_USEC_PER_SEC / 2;
 constexpr double kMostLatencyUsec = 10e6;
 /// A hole beyond this stays one: the time goes ahead.
 constexpr pa_usec_t kMostSilence = 10 * PA_USEC_PER_SEC;
-
-int64_t steady_usec() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
 
 }  // namespace
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <new>
 
 #include "console.h"
 #include "failure.h"
@@ -16,10 +17,10 @@ namespace {
 
 // Half a second at 30 images a second is too much memory for a large screen; this is enough for an encoder's pauses.
 constexpr size_t kPlaces = 8;
-constexpr std::chrono::seconds kDisplayPatience{2};
+constexpr std::chrono::milliseconds kLookInterval{250};
 
-std::chrono::steady_clock::time_point steady_time(int64_t library_usec) {
-  return std::chrono::steady_clock::now() + std::chrono::microseconds(library_usec - MERU_current_sys_usec());
+DisplayWatch::Clock::time_point steady_time(int64_t library_usec) {
+  return DisplayWatch::Clock::now() + std::chrono::microseconds(library_usec - MERU_current_sys_usec());
 }
 
 ScreenWish wish_of(const ScreenOptions& options) {
@@ -57,13 +58,14 @@ ScreenRecorder::~ScreenRecorder() = default;
 void ScreenRecorder::open_sound_source() {
   if (m_options->audio == "none") return;
   const SoundFormat format{m_options->rate, m_options->channels};
-  m_sound = std::make_unique<SoundTrack>(format, &m_session);
+  SoundTrack::Ways ways;
+  ways.push = [this](uint8_t* pcm, size_t bytes, int64_t usec) { m_session.push_sound(pcm, bytes, usec); };
+  ways.on_failure = [this](const std::string& reason) { m_session.note_failure(reason); };
+  ways.on_missing = [this](bool missing) { tell_missing_sound(missing); };
+  m_sound = std::make_unique<SoundTrack>(format, ways);
   SoundListener listener;
   listener.on_sound = [this](const uint8_t* pcm, size_t bytes, int64_t taken) { m_sound->add(pcm, bytes, taken); };
-  listener.on_lost = [this](const std::string& reason) {
-    m_sound->lose();
-    m_events->tell("sound_lost", seconds(), {{"reason", reason}}, "the sound is lost, silence follows: " + reason);
-  };
+  listener.on_lost = [this](const std::string& reason) { lose_sound(reason); };
   try {
     m_sound_source = open_sound(m_options->audio, format, listener);
   } catch (const Failure& e) {
@@ -73,21 +75,58 @@ void ScreenRecorder::open_sound_source() {
   }
 }
 
+/// Called back by a library of C, which no exception may pass.
+void ScreenRecorder::lose_sound(const std::string& reason) noexcept {
+  m_sound->lose();
+  try {
+    m_events->tell("sound_lost", seconds(), {{"reason", reason}}, "the sound is lost, silence follows: " + reason);
+  } catch (const std::bad_alloc&) {
+    return;  // without memory nothing can be told
+  }
+}
+
+void ScreenRecorder::tell_missing_sound(bool missing) const {
+  if (missing) {
+    m_events->tell("sound_missing", seconds(), Json::object(), "no sound comes: silence until it does");
+  } else {
+    m_events->tell("sound_back", seconds(), Json::object(), "the sound is back");
+  }
+}
+
 void ScreenRecorder::run() {
   m_session.start(m_info);
-  if (m_options->seconds > 0) m_wanted = std::max<int64_t>(1, std::llround(m_options->seconds * m_session.fps()));
+  if (m_options->seconds > 0) {
+    m_wanted = std::max<int64_t>(1, std::llround(m_options->seconds * m_session.fps()));
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_end =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_options->seconds));
+  }
   tell_start();
-  std::thread capture(&ScreenRecorder::capture_all, this);
-  std::thread push(&ScreenRecorder::push_all, this);
   Progress progress(m_options->output, shown(m_options->output), std::chrono::milliseconds(m_options->progress_ms));
-  watch(&progress);
-  capture.join();
-  push.join();
+  record(&progress);
   if (m_reached_end) m_places = m_wanted;
   if (m_sound != nullptr && m_frames > 0) m_sound->finish(m_grid->due(m_places));
   m_sound_source.reset();
   m_session.finish();
   tell_end(&progress);
+}
+
+/// From the beginning of the threads to their end, also when one cannot be had.
+void ScreenRecorder::record(Progress* progress) {
+  std::thread capture, push;
+  try {
+    capture = std::thread(&ScreenRecorder::capture_all, this);
+    push = std::thread(&ScreenRecorder::push_all, this);
+    watch(progress);
+  } catch (const std::exception& e) {
+    m_session.note_failure(e.what());
+    // Nobody looks any more at what they wait for.
+    m_images.close();
+    m_screen->abandon();
+  }
+  for (std::thread* thread : {&capture, &push}) {
+    if (thread->joinable()) thread->join();
+  }
 }
 
 void ScreenRecorder::tell_start() const {
@@ -109,7 +148,7 @@ void ScreenRecorder::tell_end(Progress* progress) {
   tell_failed_outputs();
   const std::string failure = m_session.failure();
   if (!failure.empty()) throw Failure("the recording of " + shown(m_options->output) + " failed: " + failure);
-  if (m_frames == 0) throw Failure(m_display_gone ? "the display has gone" : "nothing was recorded");
+  if (m_frames == 0) throw Failure(m_display_lost.empty() ? "nothing was recorded" : m_display_lost);
   m_events->tell("finished", seconds(), outputs_json(), "");
   if (!m_events->json()) progress->finish("recorded", figures(), true);
 }
@@ -117,6 +156,7 @@ void ScreenRecorder::tell_end(Progress* progress) {
 void ScreenRecorder::stop() {
   m_session.give_up_start();
   const std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_stop_asked) m_end = Clock::now();
   m_stop_asked = true;
   m_changed.notify_all();
 }
@@ -169,15 +209,19 @@ bool ScreenRecorder::capture_next() {
 
 bool ScreenRecorder::take(size_t place) {
   const int64_t asked = MERU_current_sys_usec();
-  if (!m_screen->take(place)) {
-    m_display_gone = !stop_asked();
-    if (m_display_gone) m_events->tell("display_lost", seconds(), Json::object(), "");
+  try {
+    const DisplayWatch::Question open(&m_display, Clock::now());
+    m_screen->take(place);
+  } catch (const Failure& e) {
+    if (!stop_asked()) lose_display(m_abandoned ? "the display does not answer" : e.what());
     return false;
   }
-  // The display copied it at some moment between the question and the answer.
-  const int64_t taken = asked + (MERU_current_sys_usec() - asked) / 2;
+  const int64_t taken = CaptureGrid::taken(m_session.fps(), asked, MERU_current_sys_usec());
   note_screen();
-  if (!m_grid) m_grid.emplace(m_session.fps(), taken);
+  if (!m_grid) {
+    m_grid.emplace(m_session.fps(), taken);
+    note_end();
+  }
   m_last = std::max(m_last + 1, m_grid->nearest(taken));
   if (m_last < m_wanted) {
     m_images.put({place, taken});
@@ -185,6 +229,19 @@ bool ScreenRecorder::take(size_t place) {
     m_images.release(place);
   }
   return true;
+}
+
+void ScreenRecorder::lose_display(const std::string& reason) {
+  m_display_lost = reason;
+  m_events->tell("display_lost", seconds(), {{"reason", reason}}, "");
+}
+
+/// The time at which the last of the wanted places ends, which pauses put off.
+void ScreenRecorder::note_end() {
+  if (m_wanted == INT64_MAX) return;
+  const Clock::time_point end = steady_time(m_grid->due(m_wanted));
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_stop_asked) m_end = end;
 }
 
 /// A pause, from its beginning to its end. Nothing is captured meanwhile.
@@ -203,6 +260,7 @@ void ScreenRecorder::rest() {
   MERU_resume(m_session.handle());
   const int64_t now = MERU_current_sys_usec();
   m_grid->leave_out(now - begin);
+  note_end();
   if (m_sound != nullptr) m_sound->resume(now, now - begin);
   m_paused = false;
   m_events->tell("resumed", seconds(), Json::object(), Console::instance().is_terminal() ? "" : "resumed");
@@ -221,7 +279,11 @@ void ScreenRecorder::note_screen() {
 
 void ScreenRecorder::push_all() {
   try {
-    while (const std::optional<TakenImage> image = m_images.next()) push(*image);
+    while (const std::optional<TakenImage> image = m_images.next()) {
+      push(*image);
+      // A pause waits for this: what it tells counts the image.
+      m_images.release(image->place);
+    }
   } catch (const std::exception& e) {
     m_session.note_failure(e.what());
   }
@@ -234,7 +296,6 @@ void ScreenRecorder::push_all() {
 void ScreenRecorder::push(const TakenImage& image) {
   const int result = MERU_write_video_bgra(m_session.handle(), m_screen->image(image.place), m_screen->image_bytes(),
                                            image.taken_usec, m_screen->row_bytes());
-  m_images.release(image.place);
   m_session.check_pushed(result);
   if (result == 0) return;
   const bool first = m_frames == 0;
@@ -243,21 +304,39 @@ void ScreenRecorder::push(const TakenImage& image) {
   if (first && m_sound != nullptr) m_sound->begin(image.taken_usec);
 }
 
-bool ScreenRecorder::wait_for_end(std::chrono::milliseconds deadline) {
+bool ScreenRecorder::wait_for_end(Clock::time_point deadline) {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, deadline, [this] { return m_done; });
+  return m_changed.wait_until(lock, deadline, [this] { return m_done; });
 }
 
 void ScreenRecorder::watch(Progress* progress) {
-  std::optional<std::chrono::steady_clock::time_point> stopping;
-  while (!wait_for_end(progress->interval())) {
+  Clock::time_point tell_at = Clock::now() + progress->interval();
+  // The user may want to hear of it once an hour; a display that hangs holds up the end, and shows by nothing but time.
+  while (!wait_for_end(std::min(tell_at, Clock::now() + kLookInterval))) {
     tell_failed_outputs();
+    look_at_display();
+    if (Clock::now() < tell_at) continue;
+    tell_at = Clock::now() + progress->interval();
     tell_progress(progress);
-    const auto now = std::chrono::steady_clock::now();
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_stop_asked && !stopping) stopping = now + kDisplayPatience;
-    if (stopping && now >= *stopping) m_screen->abandon();
   }
+}
+
+void ScreenRecorder::look_at_display() {
+  const Clock::time_point now = Clock::now();
+  const DisplayWatch::Change change = m_display.look(now);
+  if (change == DisplayWatch::Change::kHangs) {
+    m_events->tell("display_hangs", seconds(), Json::object(), "the display does not answer");
+  } else if (change == DisplayWatch::Change::kAnswers) {
+    m_events->tell("display_answers", seconds(), Json::object(), "the display answers again");
+  }
+  if (!m_display.holds_up(end_time(), now)) return;
+  m_abandoned = true;
+  m_screen->abandon();
+}
+
+DisplayWatch::Clock::time_point ScreenRecorder::end_time() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_end;
 }
 
 void ScreenRecorder::tell_progress(Progress* progress) {
@@ -310,7 +389,7 @@ void ScreenRecorder::tell_failed_outputs() {
 
 std::vector<std::string> ScreenRecorder::shortcomings() const {
   std::vector<std::string> texts = m_outputs.further_failures();
-  if (m_display_gone) texts.insert(texts.begin(), "the display has gone: the movie ends there");
+  if (!m_display_lost.empty()) texts.insert(texts.begin(), m_display_lost + ": the movie ends there");
   return texts;
 }
 

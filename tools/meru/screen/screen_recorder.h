@@ -15,6 +15,7 @@
 #include "progress.h"
 #include "recording_session.h"
 #include "screen/capture_grid.h"
+#include "screen/display_watch.h"
 #include "screen/image_queue.h"
 #include "screen/screen_events.h"
 #include "screen/screen_options.h"
@@ -46,10 +47,14 @@ class ScreenRecorder {
 
  private:
   using Json = ScreenEvents::Json;
+  using Clock = DisplayWatch::Clock;
 
   void open_sound_source();
+  void lose_sound(const std::string& reason) noexcept;
+  void tell_missing_sound(bool missing) const;
   bool stop_asked();
   void tell_start() const;
+  void record(Progress* progress);
   void tell_end(Progress* progress);
 
   // The capturing thread:
@@ -57,6 +62,8 @@ class ScreenRecorder {
   bool capture_next();
   bool wait_until_due();
   bool take(size_t place);
+  void lose_display(const std::string& reason);
+  void note_end();
   void rest();
   void note_screen();
 
@@ -65,7 +72,9 @@ class ScreenRecorder {
   void push(const TakenImage& image);
 
   void watch(Progress* progress);
-  bool wait_for_end(std::chrono::milliseconds deadline);
+  bool wait_for_end(Clock::time_point deadline);
+  void look_at_display();
+  Clock::time_point end_time();
   void tell_progress(Progress* progress);
   void tell_failed_outputs();
   Figures figures() const;
@@ -79,8 +88,11 @@ class ScreenRecorder {
   std::mutex m_mutex;
   std::condition_variable m_changed;
   bool m_stop_asked = false, m_pause_wanted = false, m_done = false;  // guarded by m_mutex
+  Clock::time_point m_end = Clock::time_point::max();                 // guarded by m_mutex: when it is to end
   std::atomic<int64_t> m_frames{0}, m_places{0};                      // in the movie, and how many there should be
   std::atomic<bool> m_paused{false};
+  std::atomic<bool> m_abandoned{false};  // the display
+  DisplayWatch m_display;
 
   RecordingSession m_session;  // behind what its thread calls back for
   std::unique_ptr<ScreenSource> m_screen;
@@ -95,7 +107,7 @@ class ScreenRecorder {
   std::optional<CaptureGrid> m_grid;  // from the first image on
   int64_t m_last = -1;                // the last place that was filled or missed
   Region m_screen_size;
-  bool m_display_gone = false;
+  std::string m_display_lost;  // why, empty while it is there
   bool m_reached_end = false;  // of what was wanted
 };
 

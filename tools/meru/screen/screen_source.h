@@ -28,8 +28,8 @@ class ScreenSource {
   virtual Region region() const = 0;
   /// The screen as the last image found it.
   virtual Region screen() const = 0;
-  /// Captures into a place. @return false when the display has gone
-  virtual bool take(size_t place) = 0;
+  /// Captures into a place. Throws a Failure when the display has gone, or gives no image.
+  virtual void take(size_t place) = 0;
   virtual uint8_t* image(size_t place) = 0;
   int row_bytes() const { return region().width * 4; }
   int image_bytes() const { return row_bytes() * region().height; }

@@ -16,15 +16,11 @@ std::unique_ptr<SoundSource> open_sound(const std::string& device, const SoundFo
   return std::make_unique<PulseSound>(device, format, std::move(listener));
 }
 
-bool has_sound_support() { return true; }
-
 #else
 
 std::unique_ptr<SoundSource> open_sound(const std::string& device, const SoundFormat&, SoundListener) {
   throw Failure("cannot record sound from " + device + ": this meru was built without libpulse");
 }
-
-bool has_sound_support() { return false; }
 
 #endif
 

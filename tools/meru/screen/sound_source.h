@@ -42,7 +42,4 @@ class SoundSource {
 /// Throws a Failure when there is no server, no such source, or the command was built without libpulse.
 std::unique_ptr<SoundSource> open_sound(const std::string& device, const SoundFormat& format, SoundListener listener);
 
-/// Whether open_sound() can work in this build.
-bool has_sound_support();
-
 }  // namespace meru_tool

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "meru/recording.h"
+#include "screen/steady_usec.h"
 
 namespace meru_tool {
 
@@ -13,33 +16,40 @@ namespace {
 constexpr int64_t kSampleBytes = 2;
 constexpr std::chrono::milliseconds kSilencePiece{50};
 constexpr std::chrono::milliseconds kLastSound{300};
-// A device's clock is a little off. Up to here a sample more or less in a piece, which nobody hears, makes up for it;
+// A device's clock is a little off. Up to here a sample more or less now and then, which nobody hears, makes up for it;
 // beyond, sound is missing.
 constexpr int64_t kSmallUsec = 5000;
 constexpr int64_t kHoleUsec = 40000;
+constexpr int64_t kBetweenBends = 15000;
+// A server that hangs, or a device that rests, gives nothing, and its outputs must not wait for it. The sink of a
+// machine that has played nothing yet takes its time.
+constexpr int64_t kMissingUsec = 2000000;
+constexpr int64_t kFirstUsec = 5000000;
 constexpr size_t kKeptSeconds = 2;
 constexpr size_t kMostSeconds = 10;
 
-int64_t steady_usec() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
-
 }  // namespace
 
-SoundTrack::SoundTrack(const SoundFormat& format, RecordingSession* session)
-    : m_format(format), m_frame_bytes(static_cast<size_t>(format.channels * kSampleBytes)), m_session(session) {}
+SoundTrack::SoundTrack(const SoundFormat& format, Ways ways)
+    : m_format(format), m_frame_bytes(static_cast<size_t>(format.channels * kSampleBytes)), m_ways(std::move(ways)) {}
 
 SoundTrack::~SoundTrack() {
   if (m_thread.joinable()) finish(0);
 }
 
-void SoundTrack::add(const uint8_t* pcm, size_t bytes, int64_t taken_usec) {
+void SoundTrack::add(const uint8_t* pcm, size_t bytes, int64_t taken_usec) noexcept {
   // The two clocks run apart by a little, so the way from one to the other is looked at each time.
-  const int64_t taken = taken_usec + MERU_current_sys_usec() - steady_usec();
+  const int64_t now = steady_usec();
+  const int64_t taken = taken_usec + MERU_current_sys_usec() - now;
   const std::lock_guard<std::mutex> lock(m_mutex);
+  m_given = now;
+  m_given_any = true;
   if (m_paused || m_ended) return;
-  m_pieces.push_back({{pcm, pcm + bytes - bytes % m_frame_bytes}, taken});
+  try {
+    m_pieces.push_back({{pcm, pcm + bytes - bytes % m_frame_bytes}, taken});
+  } catch (const std::bad_alloc&) {
+    return;  // the caller is a library of C, which no exception may pass
+  }
   m_bytes += m_pieces.back().pcm.size();
   forget_old();
   m_changed.notify_all();
@@ -64,6 +74,7 @@ void SoundTrack::lose() {
 void SoundTrack::begin(int64_t usec) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_from = m_reached = m_anchor = m_last_stamp = usec;
+  m_given = steady_usec();
   m_thread = std::thread(&SoundTrack::run, this);
 }
 
@@ -97,7 +108,7 @@ void SoundTrack::run() {
   try {
     push_all();
   } catch (const std::exception& e) {
-    m_session->note_failure(e.what());
+    m_ways.on_failure(e.what());
   }
 }
 
@@ -105,8 +116,13 @@ void SoundTrack::push_all() {
   Piece piece;
   for (;;) {
     const Next next = wait(&piece);
-    if (next == Next::kPiece) push(&piece);
-    if (next == Next::kSilence || next == Next::kEnd) push_silence(piece.taken - end());
+    tell_missing(next);
+    if (next == Next::kPiece) {
+      push(&piece);
+    } else if (next != Next::kNothing) {
+      push_silence(piece.taken - end());
+      m_behind_silence = true;
+    }
     if (next == Next::kEnd) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_reached = end();
@@ -129,7 +145,20 @@ SoundTrack::Next SoundTrack::wait(Piece* piece) {
   }
   piece->taken = m_paused ? end() : std::min<int64_t>(m_until, MERU_current_sys_usec());
   if (m_ended) return Next::kEnd;
-  return m_lost ? Next::kSilence : Next::kNothing;
+  if (m_lost) return Next::kSilence;
+  return source_is_silent() ? Next::kMissing : Next::kNothing;
+}
+
+/// With m_mutex locked.
+bool SoundTrack::source_is_silent() const {
+  return !m_paused && steady_usec() - m_given >= (m_given_any ? kMissingUsec : kFirstUsec);
+}
+
+void SoundTrack::tell_missing(Next next) {
+  const bool missing = next == Next::kMissing;
+  if (missing == m_missing || (!missing && next != Next::kPiece)) return;
+  m_missing = missing;
+  m_ways.on_missing(missing);
 }
 
 /// Behind a pause. With m_mutex locked.
@@ -157,14 +186,25 @@ void SoundTrack::follow_clock(Piece* piece) {
   // The library brings the first sound behind a pause to exactly its stamp.
   if (std::exchange(m_library_aligns, false)) m_anchor = piece->taken;
   const int64_t late = piece->taken - end();
-  if (late > kHoleUsec || (late > 0 && m_samples == 0)) {
+  // There is nothing yet that a jump would tear.
+  const bool begins = m_samples == 0 || m_behind_silence;
+  if (late > kHoleUsec || (late > 0 && begins)) {
     push_silence(late);
-  } else if (late < -kHoleUsec) {
+  } else if (late < -kHoleUsec || (late < 0 && begins)) {
     cut_front(piece, end());
-  } else if (late > kSmallUsec) {
+  } else if (std::abs(late) > kSmallUsec) {
+    bend(piece, late);
+  }
+}
+
+/// Makes the run of samples longer or shorter by one. A server that is in a hurry gives pieces of a few samples.
+void SoundTrack::bend(Piece* piece, int64_t late) {
+  if (m_since_bend < samples_of(kBetweenBends)) return;
+  m_since_bend = 0;
+  if (late > 0) {
     const std::vector<uint8_t> last(piece->pcm.end() - static_cast<ptrdiff_t>(m_frame_bytes), piece->pcm.end());
     piece->pcm.insert(piece->pcm.end(), last.begin(), last.end());
-  } else if (late < -kSmallUsec) {
+  } else {
     piece->pcm.resize(piece->pcm.size() - m_frame_bytes);
   }
 }
@@ -172,10 +212,11 @@ void SoundTrack::follow_clock(Piece* piece) {
 void SoundTrack::push(Piece* piece) {
   follow_clock(piece);
   if (piece->pcm.empty()) return;
+  m_behind_silence = false;
+  m_since_bend += count(*piece);
   m_last_stamp = end();
   m_samples += count(*piece);
-  m_session->check_pushed(
-      MERU_write_audio_pcm(m_session->handle(), piece->pcm.data(), static_cast<int>(piece->pcm.size()), m_last_stamp));
+  m_ways.push(piece->pcm.data(), piece->pcm.size(), m_last_stamp);
 }
 
 /// The library fills the time since its last stamp.
@@ -183,7 +224,7 @@ void SoundTrack::push_silence(int64_t usec) {
   if (samples_of(usec) <= 0) return;
   m_last_stamp += usec;
   m_samples += samples_of(usec);
-  m_session->check_pushed(MERU_write_audio_pcm(m_session->handle(), nullptr, 0, m_last_stamp));
+  m_ways.push(nullptr, 0, m_last_stamp);
 }
 
 }  // namespace meru_tool

@@ -134,30 +134,35 @@ void X11Screen::read_events() {
   }
 }
 
-/// Asks for the size of the screen. @return false when the display has gone
-bool X11Screen::look_at_size() {
+void X11Screen::look_at_size() {
   const XcbReply<xcb_get_geometry_reply_t> reply(
       xcb_get_geometry_reply(m_connection.get(), xcb_get_geometry(m_connection.get(), m_root), nullptr));
-  if (reply == nullptr) return false;
-  m_screen = {0, 0, reply->width, reply->height};
-  return true;
+  check_there();
+  if (reply != nullptr) m_screen = {0, 0, reply->width, reply->height};
 }
 
-bool X11Screen::take(size_t place) {
+void X11Screen::check_there() const {
+  if (xcb_connection_has_error(m_connection.get()) != 0) throw Failure("the display has gone");
+}
+
+void X11Screen::take(size_t place) {
   read_events();
+  check_there();
   for (int look = 0; look < kMostLooks; ++look) {
-    const Region seen = m_region.within(m_screen);
+    const Region screen = m_screen, seen = m_region.within(screen);
     if (seen.empty()) break;
-    const Copied copied = copy(seen, place);
-    if (copied == Copied::kWhole) return true;
-    // The screen may have become smaller since it was looked at.
-    if (copied == Copied::kGone || !look_at_size()) return false;
+    const int error = copy(seen, place);
+    if (error == 0) return;
+    // The screen may have become smaller since it was looked at. One that did not refuses its image for ever.
+    look_at_size();
+    if (look == kMostLooks - 1 && m_screen == screen) {
+      throw Failure("the display gives no image: X11 error " + std::to_string(error));
+    }
   }
   std::memset(image(place), 0, static_cast<size_t>(image_bytes()));
-  return xcb_connection_has_error(m_connection.get()) == 0;
 }
 
-X11Screen::Copied X11Screen::copy(const Region& seen, size_t place) {
+int X11Screen::copy(const Region& seen, size_t place) {
   xcb_connection_t* connection = m_connection.get();
   // Both are asked for at once, so that the pointer is where it was in the picture.
   const auto asked = xcb_shm_get_image(connection, m_root, static_cast<int16_t>(seen.x), static_cast<int16_t>(seen.y),
@@ -165,13 +170,16 @@ X11Screen::Copied X11Screen::copy(const Region& seen, size_t place) {
                                        XCB_IMAGE_FORMAT_Z_PIXMAP, m_images->segment(), m_images->offset(place));
   const auto asked_pointer =
       m_pointer ? xcb_xfixes_get_cursor_image(connection) : xcb_xfixes_get_cursor_image_cookie_t{};
-  const XcbReply<xcb_shm_get_image_reply_t> copied(xcb_shm_get_image_reply(connection, asked, nullptr));
+  xcb_generic_error_t* refusal = nullptr;
+  const XcbReply<xcb_shm_get_image_reply_t> copied(xcb_shm_get_image_reply(connection, asked, &refusal));
+  const XcbError error(refusal);
   const XcbReply<xcb_xfixes_get_cursor_image_reply_t> pointer(
       m_pointer ? xcb_xfixes_get_cursor_image_reply(connection, asked_pointer, nullptr) : nullptr);
-  if (copied == nullptr) return xcb_connection_has_error(connection) != 0 ? Copied::kGone : Copied::kOutside;
+  check_there();
+  if (copied == nullptr) return error == nullptr ? -1 : error->error_code;
   spread(seen, image(place));
   if (pointer != nullptr) draw(*pointer, image(place));
-  return Copied::kWhole;
+  return 0;
 }
 
 /// The server wrote the rows of what was seen one after another. They go where they belong, with black around them.

@@ -19,7 +19,7 @@ class X11Screen : public ScreenSource {
 
   Region region() const override { return m_region; }
   Region screen() const override { return m_screen; }
-  bool take(size_t place) override;
+  void take(size_t place) override;
   uint8_t* image(size_t place) override { return m_images->at(place); }
   void abandon() override;
 
@@ -27,7 +27,6 @@ class X11Screen : public ScreenSource {
   struct Disconnect {
     void operator()(xcb_connection_t* connection) const { xcb_disconnect(connection); }
   };
-  enum class Copied { kWhole, kOutside, kGone };
 
   void connect(const std::string& display);
   void check_format(const xcb_screen_t& screen) const;
@@ -38,8 +37,10 @@ class X11Screen : public ScreenSource {
   bool has(xcb_extension_t* extension) const;
 
   void read_events();
-  bool look_at_size();
-  Copied copy(const Region& seen, size_t place);
+  void look_at_size();
+  /// @return 0, or the display's error code
+  int copy(const Region& seen, size_t place);
+  void check_there() const;
   void draw(const xcb_xfixes_get_cursor_image_reply_t& pointer, uint8_t* image) const;
   void spread(const Region& seen, uint8_t* image) const;
 
