@@ -8,7 +8,8 @@ minimum=${1:-95}
 cmake --preset coverage >/dev/null
 cmake --build --preset coverage
 find build/coverage -name '*.gcda' -delete
-ctest --preset coverage -j3 --no-tests=error >build/coverage/tests.log || { tail -n 40 build/coverage/tests.log; exit 1; }
+# Not the packages: they may not hold the paths that gcov needs.
+ctest --preset coverage -j3 -LE package --no-tests=error >build/coverage/tests.log || { tail -n 40 build/coverage/tests.log; exit 1; }
 # Branches without those of the exceptions that any call might throw.
 report=(gcovr --root . --object-directory build/coverage --filter 'src/' --filter 'plugins/' --exclude-throw-branches)
 "${report[@]}" --html-details build/coverage/report.html --txt build/coverage/lines.txt --fail-under-line "$minimum" || failed=1

@@ -33,11 +33,13 @@ void use_named_colours(SwsContext* sws, const ImageFormat& src, int colorspace, 
 
 int64_t pixels_of(const ImageFormat& image) { return static_cast<int64_t>(image.width) * image.height; }
 
-/// Threads that take turns at small images cost more than they save.
+/// Threads that take turns at small images cost more than they save. Each does one slice of the image, and a slice whose
+/// thread has to wait for a processor holds up the image, so there are more of them than processors.
 int threads_for(const ImageFormat& src, const ImageFormat& dst) {
   constexpr ImageFormat kWorthThreads{640, 360, AV_PIX_FMT_NONE};
+  const int processors = SharedWork::usual_threads();
   const int64_t most = std::max(pixels_of(src), pixels_of(dst));
-  return most >= pixels_of(kWorthThreads) ? SharedWork::usual_threads() : 1;
+  return most >= pixels_of(kWorthThreads) && processors > 1 ? 2 * processors : 1;
 }
 
 SwsPtr make_context(const ImageFormat& src, const ImageFormat& dst, int threads) {

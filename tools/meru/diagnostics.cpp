@@ -139,7 +139,9 @@ Diagnostics::OutputState Diagnostics::output(int number) const {
 
 /// The library tells the fate of each output in its log alone: "further output 1 (address) failed: reason".
 void Diagnostics::Heard::note(const std::string& message) {
-  static const std::regex pattern(R"re("(?:main output|further output (\d+)) \(.*\) (?:is open|failed: (.*))"\s*)re");
+  // Never destroyed: a start that was given up may still have something to say while the process ends.
+  static const auto& pattern =
+      *new std::regex(R"re("(?:main output|further output (\d+)) \(.*\) (?:is open|failed: (.*))"\s*)re");
   std::smatch match;
   if (!std::regex_match(message, match, pattern)) return;
   const std::lock_guard<std::mutex> lock(mutex);
