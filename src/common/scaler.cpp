@@ -33,8 +33,8 @@ void use_named_colours(SwsContext* sws, const ImageFormat& src, int colorspace, 
 
 int64_t pixels_of(const ImageFormat& image) { return static_cast<int64_t>(image.width) * image.height; }
 
-/// Threads that take turns at small images cost more than they save. Each does one slice of the image, and a slice whose
-/// thread has to wait for a processor holds up the image, so there are more of them than processors.
+/// Threads that take turns at small images cost more than they save. Each does one slice of the image, and a slice
+/// whose thread has to wait for a processor holds up the image, so there are more of them than processors.
 int threads_for(const ImageFormat& src, const ImageFormat& dst) {
   constexpr ImageFormat kWorthThreads{640, 360, AV_PIX_FMT_NONE};
   const int processors = SharedWork::usual_threads();
