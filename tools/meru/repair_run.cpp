@@ -26,6 +26,8 @@ namespace {
 
 constexpr int kStoppedStatus = 130;
 constexpr double kMiB = 1024.0 * 1024.0;
+// Nothing tells of the end of a repair, and a gigabyte takes less than half a second.
+constexpr std::chrono::milliseconds kLookInterval{5};
 
 /// Why a file cannot be read.
 std::string unreadable(const std::string& path) {
@@ -82,7 +84,7 @@ class RepairRun {
   /// Waits a moment. @return false when the repair is to be stopped
   bool wait() {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return !m_asked.wait_for(lock, std::chrono::milliseconds(50), [this] { return m_stop_asked; });
+    return !m_asked.wait_for(lock, kLookInterval, [this] { return m_stop_asked; });
   }
 
   void show() {
