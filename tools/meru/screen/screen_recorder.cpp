@@ -356,7 +356,7 @@ Figures ScreenRecorder::figures() const {
   Figures figures;
   figures.seconds = figures.longest = seconds();
   figures.images = m_frames;
-  figures.dropped = std::max<int64_t>(m_places - figures.images, 0);
+  figures.dropped = dropped(figures.images);
   figures.paused = m_paused;
   figures.outputs = m_outputs.states();
   return figures;
@@ -364,7 +364,7 @@ Figures ScreenRecorder::figures() const {
 
 ScreenRecorder::Json ScreenRecorder::outputs_json() const {
   const int64_t frames = m_frames;
-  Json json = {{"frames", frames}, {"dropped", std::max<int64_t>(m_places - frames, 0)}};
+  Json json = {{"frames", frames}, {"dropped", dropped(frames)}};
   std::error_code error;
   const auto bytes = std::filesystem::file_size(m_options->output, error);
   if (!error) json["bytes"] = bytes;

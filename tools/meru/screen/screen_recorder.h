@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -79,6 +80,8 @@ class ScreenRecorder {
   void tell_failed_outputs();
   Figures figures() const;
   double seconds() const;
+  /// Places without an image, when there are so many frames.
+  int64_t dropped(int64_t frames) const { return std::max<int64_t>(m_places - frames, 0); }
   Json outputs_json() const;
 
   const ScreenOptions* m_options;
