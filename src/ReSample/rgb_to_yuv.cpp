@@ -14,7 +14,10 @@ namespace {
 
 constexpr int kMinWidth = 64;
 constexpr int kMinHeight = 48;
+// Small enough that threads which share an image end together, large enough that the rows that two bands need do not
+// count.
 constexpr int kBandRows = 120;
+
 constexpr RgbToYuv::Loops kPlainLoops{
     [](const uint8_t* p, int n, const RgbToYuv::Matrix& m, uint8_t* out) { luma_loop(p, n, m, out); },
     [](const uint8_t* p, int n, const RgbToYuv::Matrix& m, int16_t* u, int16_t* v) { chroma_loop(p, n, m, u, v); },

@@ -10,9 +10,9 @@
 namespace MR {
 
 /// Converts images of four bytes a pixel to 4:2:0 of the same size: what a screen recorder needs of every image, and in
-/// a fifth of the time that libswscale's general way takes. The pixels are those of libswscale with SWS_BICUBIC, but
-/// for rounding: brightness pixel by pixel, colour as the mean of two neighbours in a row and by a bicubic filter over
-/// eight rows. One image at a time, in bands of rows that a few threads share.
+/// a small part of the time that libswscale's general way takes. The pixels are those of libswscale with SWS_BICUBIC,
+/// but for rounding: brightness pixel by pixel, colour as the mean of two neighbours in a row and by a bicubic filter
+/// over eight rows. One image at a time, in bands of rows that a few threads share.
 class RgbToYuv {
  public:
   /// What the loops are compiled for. kBest is what this processor can do.
