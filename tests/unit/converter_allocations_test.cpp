@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "ReSample/qv_resample.h"
+#include "support/case_name.h"
 #include "support/media_frames.h"
 #include "support/sanitized.h"
 
@@ -38,10 +39,20 @@ namespace {
 
 using meru_test::make_picture;
 
-TEST(ConverterAllocationsTest, NothingIsAllocatedForAnImage) {
+// Too small to be scaled by several threads, and high enough to be converted in bands.
+constexpr int kWidth = 320;
+constexpr int kHeight = 480;
+
+struct Conversion {
+  const char* name;
+  int width, height;  ///< of the movie; the images are kWidth x kHeight
+};
+class ConverterAllocations : public testing::TestWithParam<Conversion> {};
+
+TEST_P(ConverterAllocations, NothingIsAllocatedForAnImage) {
   if (!kCounts) GTEST_SKIP() << "the allocator cannot be replaced in this build";
-  const FramePtr encoder = make_picture(AV_PIX_FMT_YUV420P, 128, 96);
-  const FramePtr image = make_picture(AV_PIX_FMT_BGRA, 256, 192);
+  const FramePtr encoder = make_picture(AV_PIX_FMT_YUV420P, GetParam().width, GetParam().height);
+  const FramePtr image = make_picture(AV_PIX_FMT_BGRA, kWidth, kHeight);
   MR::QVRescale rescale;
   ASSERT_EQ(rescale.qv_config_frame(encoder.get(), image.get(), {1, 25}), 0);
   const AVRational tb{1, 1000000};
@@ -54,5 +65,9 @@ TEST(ConverterAllocationsTest, NothingIsAllocatedForAnImage) {
   }
   EXPECT_EQ(g_allocations - before, 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, ConverterAllocations,
+                         testing::Values(Conversion{"Scaled", 128, 96}, Conversion{"OfTheSameSize", kWidth, kHeight}),
+                         meru_test::CaseName());
 
 }  // namespace
