@@ -7,6 +7,7 @@
 #include "support/fake_writer.h"
 #include "support/log_capture.h"
 #include "support/media_frames.h"
+#include "support/process_counts.h"
 #include "support/small_movie.h"
 #include "support/temp_dir.h"
 
@@ -252,6 +253,14 @@ TEST_F(MovieMuxerTest, SecondStopDoesNothing) {
   EXPECT_EQ(m_muxer->stop(), 1);
   EXPECT_EQ(messages(log, 4), (std::vector<std::string>{"begin ..."}));
   EXPECT_EQ(m_writer->stops, 1);
+}
+
+TEST_F(MovieMuxerTest, DestroyedWithoutAStopItGivesItsOutputBack) {
+  const auto before = meru_test::ProcessCounts::now();
+  start();
+  write_picture(0);
+  m_muxer.reset();
+  meru_test::expect_nothing_left_since(before);
 }
 
 TEST_F(MovieMuxerTest, StopWithoutStartDoesNothing) {
