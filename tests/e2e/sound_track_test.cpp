@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "meru/recording.h"
@@ -56,6 +58,7 @@ class SoundTrackTest : public testing::Test {
     return ways;
   }
   void take(const uint8_t* pcm, size_t bytes, int64_t usec) {
+    const std::lock_guard<std::mutex> lock(m_push);
     if (m_refuses) throw std::runtime_error("refused");
     if (pcm == nullptr) {
       ++m_silences;
@@ -76,6 +79,7 @@ class SoundTrackTest : public testing::Test {
   int64_t m_samples = 0, m_end = 0, m_silences = 0, m_silent = 0;
   std::string m_failure;
   bool m_refuses = false;
+  std::mutex m_push;  // whoever locks it holds the thread at its next push
   std::mutex m_mutex;
   std::vector<bool> m_missing;  // guarded by m_mutex
   const int64_t m_begin, m_steady_begin;
@@ -135,11 +139,16 @@ TEST_F(SoundTrackTest, HoleIsSilenceAndWhatFollowsIsAtItsTime) {
 }
 
 TEST_F(SoundTrackTest, WhatWasTakenBeforeTheBeginningAndBehindTheEndIsCutOff) {
+  // What has been pushed cannot be cut any more, so the thread is held at the first piece until the end is known.
+  std::unique_lock<std::mutex> hold(m_push);
   m_track.begin(m_begin);
   give(-10000);
   give(10000);
   give(30000);
-  finish(40000);
+  std::thread finisher([this] { finish(40000); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  hold.unlock();
+  finisher.join();
   EXPECT_NEAR(static_cast<double>(m_samples), kRate * 0.04, 100);
   EXPECT_NEAR(static_cast<double>(m_end), 40000, 1000);
 }
