@@ -214,13 +214,15 @@ int AVPacketMux::open_io(AVFormatContext* ctx) {
 }
 
 bool AVPacketMux::open_inputs() {
-  return open_input(&m_video, m_info.video_format, &m_video_ctx) &&
-         open_input(&m_audio, m_info.audio_format, &m_audio_ctx);
+  InputBuffer* const video = is_set(m_info.video_format) ? &m_video : nullptr;
+  InputBuffer* const audio = is_set(m_info.audio_format) ? &m_audio : nullptr;
+  return open_input(&m_video, m_info.video_format, audio, &m_video_ctx) &&
+         open_input(&m_audio, m_info.audio_format, video, &m_audio_ctx);
 }
 
-bool AVPacketMux::open_input(InputBuffer* ib, const char* format, InputContextPtr* ctx) {
+bool AVPacketMux::open_input(InputBuffer* ib, const char* format, InputBuffer* other, InputContextPtr* ctx) {
   if (!is_set(format)) return true;
-  const auto result = open_input_buffer(ib, format);
+  const auto result = open_input_buffer(ib, format, other);
   if (result.has_error) return fail(result.code, result.message);
   ctx->reset(result.value);
   return true;

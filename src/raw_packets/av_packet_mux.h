@@ -62,7 +62,7 @@ class AVPacketMux {
   nuv::Expected_<AVFormatContext*> make_output();
   int open_io(AVFormatContext* ctx);
   bool open_inputs();
-  bool open_input(InputBuffer* ib, const char* format, InputContextPtr* ctx);
+  bool open_input(InputBuffer* ib, const char* format, InputBuffer* other, InputContextPtr* ctx);
   AVStream* add_stream(const AVFormatContext* input);
   bool add_streams();
   bool wants_bare_sound() const;

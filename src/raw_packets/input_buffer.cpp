@@ -67,9 +67,10 @@ int InputBuffer::bytes_at_hand() {
   nuv::MRMemNode* front = nullptr;
   int result = nuv::kQueueEmpty;
   // Nothing tells this medium when the other is full, so it looks now and then while it has nothing to do.
+  const bool begun = m_beginning.is_complete();
   while (result == nuv::kQueueEmpty) {
     result = _get_front_(front, m_other == nullptr, kLookIntervalMs, false);
-    if (result == nuv::kQueueEmpty && other_is_full()) return 0;
+    if (result == nuv::kQueueEmpty && begun && other_is_full()) return 0;
   }
   if (result != nuv::kQueueDone || front == nullptr) return 1;
   return std::max(front->size, 1);

@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "raw_packets/beginning.h"
 #include "raw_packets/blocking_queue.h"
 #include "raw_packets/packet_stream_queue.h"
 
@@ -29,16 +30,17 @@ class InputBuffer : public nuv::MRPacketQueue {
   /// @return whether there is something to read, or nothing any more
   bool ready();
 
-  /// From now on waiting ends when `other` is full: its host would be held back for ever when this medium has ended, or
-  /// pauses. To be called by the reading thread.
+  /// From now on waiting ends when this medium has begun and `other` is full: its host would be held back for ever when
+  /// this medium has ended, or pauses. To be called by the reading thread.
   void give_way_to(InputBuffer* other) { m_other = other; }
 
   /// The stamps of the packets in the stream, in the same order. One is there before the packet can be read.
   nuv::BlockingQueue<long long> m_pts_queue;
   std::map<int64_t, nuv::MRMemNode*> m_reorder;  ///< pushing thread: held back, by stamp; null for what was refused
   std::string m_name;
-  bool m_eof = false;                                       ///< reading thread: the stream has ended
-  bool m_gave_way = false;                                  ///< reading thread: waiting ended for the other medium
+  Beginning m_beginning;    ///< reading thread: waiting ends for the other medium only once it is complete
+  bool m_eof = false;       ///< reading thread: the stream has ended
+  bool m_gave_way = false;  ///< reading thread: waiting ended for the other medium
   int64_t m_allowed = std::numeric_limits<int64_t>::max();  ///< reading thread: bytes until the stream is cut off
 
  private:

@@ -70,7 +70,10 @@ int avio_read_buffer(void* opaque, unsigned char* buf, int size) {
   if (ib->m_gave_way) return AVERROR_EOF;
   const int count = std::min(size, at_hand);
   ib->m_allowed -= count;
-  if (ib->m_allowed >= 0 && ib->_read_nbytes_(buf, count, true, 0) == nuv::kReadDone) return count;
+  if (ib->m_allowed >= 0 && ib->_read_nbytes_(buf, count, true, 0) == nuv::kReadDone) {
+    ib->m_beginning.read(buf, static_cast<size_t>(count));
+    return count;
+  }
   ib->m_eof = true;
   return AVERROR_EOF;
 }
@@ -80,7 +83,7 @@ void resume_input(AVFormatContext* ctx) {
   ctx->pb->error = 0;
 }
 
-Result open_input_buffer(InputBuffer* ib, const char* format) {
+Result open_input_buffer(InputBuffer* ib, const char* format, InputBuffer* other) {
   Result result;
   ReadIoPtr io = make_io(ib);
   FormatContextPtr fresh(avformat_alloc_context());
@@ -93,6 +96,7 @@ Result open_input_buffer(InputBuffer* ib, const char* format) {
     return result.set_error(AVERROR_MUXER_NOT_FOUND, "could not find input format '%s'", format);
   }
 
+  ib->m_beginning = Beginning(format);
   ib->m_allowed = kMaxProbed;
   AVFormatContext* ctx = fresh.release();
   ctx->pb = io.get();
@@ -103,7 +107,11 @@ Result open_input_buffer(InputBuffer* ib, const char* format) {
   if (ret < 0) return result.set_error(ret, "Could not open input '%s': %s", format, AvError(ret).text);
   InputContextPtr opened(ctx);
   io.release();  // NOLINT(bugprone-unused-return-value): closed with the context
+  // The parser gives a picture out when the next one begins, which may be a minute later, or never. The search cannot
+  // be taken up again once it has met an end, so the buffer must not give way before it has what it looks for.
+  ib->give_way_to(other);
   ret = find_stream(ctx);
+  ib->m_beginning = Beginning();
   if (ret < 0) return result.set_error(ret, "could not find stream information for '%s'", format);
   ib->m_allowed = std::numeric_limits<int64_t>::max();
   av_dump_format(ctx, 0, format, 0);

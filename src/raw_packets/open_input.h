@@ -25,8 +25,11 @@ int avio_read_buffer(void* opaque, unsigned char* buf, int size);
 
 /// Opens a demuxer of the named FFmpeg format over a buffer. Returns when so much of the stream has come that its
 /// parameters are known, or when it has ended.
+/// @param other  the buffer of the other medium, or null: once it is full, the first picture with its parameter sets,
+/// or
+///               the first frame of sound, is enough. The demuxer has then met an end and is to be resumed
 /// @return the demuxer, to be closed by an InputContextPtr; or the error that the host is told
-nuv::Expected_<AVFormatContext*> open_input_buffer(InputBuffer* ib, const char* format);
+nuv::Expected_<AVFormatContext*> open_input_buffer(InputBuffer* ib, const char* format, InputBuffer* other = nullptr);
 
 /// Lets a demuxer read on whose buffer gave way.
 void resume_input(AVFormatContext* ctx);

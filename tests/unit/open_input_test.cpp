@@ -170,12 +170,21 @@ TEST_F(OpenInputTest, NoStream) {
 class OpenedInputTest : public OpenInputTest {
  protected:
   /// Opens while the input goes on: the packets given must be enough.
-  void open(const char* format) {
+  void open(const char* format, InputBuffer* other = nullptr) {
     flush();
-    Background opening([&] { m_result = open_input_buffer(&m_buffer, format); });
+    Background opening([&] { m_result = open_input_buffer(&m_buffer, format, other); });
     const bool opened = opening.ends_within(std::chrono::seconds(20));
     EXPECT_TRUE(opened);
     if (!opened) m_buffer.abort();
+  }
+  void expect_found(const RawPackets& packets) {
+    const PacketPtr found(av_packet_alloc());
+    for (const RawPacket& packet : packets) {
+      ASSERT_GE(av_read_frame(m_result.value, found.get()), 0);
+      EXPECT_EQ(std::string(reinterpret_cast<const char*>(found->data), static_cast<size_t>(found->size)), packet.data);
+      av_packet_unref(found.get());
+    }
+    EXPECT_EQ(av_read_frame(m_result.value, found.get()), AVERROR_EOF);
   }
   void SetUp() override { m_result.has_error = true; }
   void TearDown() override { const InputContextPtr closing(m_result.value); }
@@ -226,13 +235,54 @@ TEST_F(OpenedInputTest, EveryPacketReadInTheSearchIsStillThere) {
   end();
   open("h264");
   ASSERT_FALSE(m_result.has_error) << m_result.message;
-  const PacketPtr found(av_packet_alloc());
-  for (const RawPacket& packet : packets) {
-    ASSERT_GE(av_read_frame(m_result.value, found.get()), 0);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(found->data), static_cast<size_t>(found->size)), packet.data);
-    av_packet_unref(found.get());
+  expect_found(packets);
+}
+
+/// Beside a medium that is full, whose host waits.
+class OpenedBesideAFullOneTest : public OpenedInputTest {
+ protected:
+  OpenedBesideAFullOneTest() {
+    for (int i = 0; i < kMaxQueued; ++i) m_full.hold("x", 1, i);
+    m_full.release(0, kMaxQueued);
   }
-  EXPECT_EQ(av_read_frame(m_result.value, found.get()), AVERROR_EOF);
+
+  InputBuffer m_full;
+};
+
+TEST_F(OpenedBesideAFullOneTest, OnePictureIsEnough) {
+  const RawPackets packets = meru_test::make_video(m_dir, {1}).packets;
+  push(packets);
+  open("h264", &m_full);
+  ASSERT_FALSE(m_result.has_error) << m_result.message;
+  EXPECT_EQ(m_result.value->streams[0]->codecpar->width, 160);
+  expect_found(packets);
+}
+
+TEST_F(OpenedBesideAFullOneTest, PacketsThatTellNothingAreWaitedBehind) {
+  RawPackets packets = meru_test::make_video(m_dir, {60, 30, "160x120", "keyint=30:scenecut=0"}).packets;
+  for (size_t i = 0; i < 30; ++i) packets[i].data = meru_test::without_parameter_sets(packets[i].data);
+  for (size_t i = 0; i < 5; ++i) push(packets[i].data);
+  flush();
+  Background opening([&] { m_result = open_input_buffer(&m_buffer, "h264", &m_full); });
+  EXPECT_FALSE(opening.ends_within(std::chrono::milliseconds(300)));
+  m_full.clear();  // or it could give way again, between two of the packets that follow
+  for (size_t i = 5; i < packets.size(); ++i) push(packets[i].data);
+  end();
+  ASSERT_TRUE(opening.ends());
+  ASSERT_FALSE(m_result.has_error) << m_result.message;
+  EXPECT_EQ(m_result.value->streams[0]->codecpar->width, 160);
+  expect_found(packets);
+}
+
+TEST_F(OpenedBesideAFullOneTest, BeginningIsWaitedFor) {
+  const RawPackets packets = meru_test::make_video(m_dir, {2}).packets;
+  Background opening([&] { m_result = open_input_buffer(&m_buffer, "h264", &m_full); });
+  EXPECT_FALSE(opening.ends_within(std::chrono::milliseconds(300)));
+  push(packets);
+  flush();
+  ASSERT_TRUE(opening.ends());
+  ASSERT_FALSE(m_result.has_error) << m_result.message;
+  EXPECT_EQ(m_result.value->streams[0]->codecpar->width, 160);
 }
 
 }  // namespace
