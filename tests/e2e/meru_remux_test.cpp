@@ -104,6 +104,48 @@ TEST_F(MeruRemuxTest, SoundThatIsMuchShorterIsNoObstacle) {
   EXPECT_EQ(hashes_of("out.mp4", "a:0"), hashes_of("movie.mp4", "a:0"));
 }
 
+struct RareImages {
+  const char* name;
+  const char* rate;
+  int seconds;
+  size_t count;
+};
+void PrintTo(const RareImages& c, std::ostream* out) { *out << c.rate; }
+
+class MeruRemuxRareImagesTest : public MeruRemuxTest, public testing::WithParamInterface<RareImages> {};
+
+/// As a screen recorder leaves it that writes an image when something has changed.
+TEST_P(MeruRemuxRareImagesTest, AreNoObstacleToTheSound) {
+  const std::string seconds = std::to_string(GetParam().seconds);
+  m_folder.make("-f lavfi -i testsrc2=size=64x48:rate=" + std::string(GetParam().rate) + ":duration=" + seconds +
+                " -f lavfi -i sine=sample_rate=48000:duration=" + seconds +
+                " -c:v libx264 -preset ultrafast -bf 0 -c:a aac rare.mp4");
+  const auto before = probe_packets(m_folder.file("rare.mp4"), "v:0");
+  ASSERT_EQ(before.size(), GetParam().count);
+  const ToolRun run = m_folder.run("remux rare.mp4 -o out.mp4");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(hashes_of("out.mp4", "a:0"), hashes_of("rare.mp4", "a:0"));
+  const auto after = probe_packets(m_folder.file("out.mp4"), "v:0");
+  ASSERT_EQ(after.size(), before.size());
+  for (size_t i = 0; i < after.size(); ++i) EXPECT_NEAR(after[i].pts, before[i].pts, 0.1) << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, MeruRemuxRareImagesTest,
+                         testing::Values(RareImages{"SixAMinute", "1/10", 40, 4},
+                                         RareImages{"TwentyInAllSixAMinute", "1/10", 200, 20},
+                                         RareImages{"OneAMinute", "1/60", 180, 3}),
+                         CaseName());
+
+TEST_F(MeruRemuxTest, OnePictureUnderALongSound) {
+  m_folder.make(
+      "-f lavfi -i color=red:size=64x48:rate=1:duration=1 -f lavfi -i sine=sample_rate=48000:duration=30 -c:v libx264 "
+      "-bf 0 -c:a aac one.mp4");
+  const ToolRun run = m_folder.run("remux one.mp4 -o out.mp4");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(probe_packets(m_folder.file("out.mp4"), "v:0").size(), 1U);
+  EXPECT_EQ(hashes_of("out.mp4", "a:0"), hashes_of("one.mp4", "a:0"));
+}
+
 TEST_F(MeruRemuxTest, KilledRemuxIsRepairedWithPicturesAndSound) {
   m_folder.make(
       "-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=sample_rate=48000 -t 60 -c:v libx264 -preset "

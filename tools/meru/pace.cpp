@@ -11,7 +11,7 @@ constexpr int64_t kMostAhead = 1000000;
 
 }  // namespace
 
-void Pace::add(Track track, bool endless) { m_tracks[track] = {true, endless, false, 0}; }
+void Pace::add(Track track, bool endless) { m_tracks[track] = {true, endless, false}; }
 
 void Pace::begin() {
   const std::lock_guard<std::mutex> lock(m_mutex);
@@ -34,27 +34,46 @@ bool Pace::is_over(const State& mine, const State& other, int64_t stamp) const {
   return m_stopped || (mine.endless && other.present && !other.endless && other.done && stamp >= other.time);
 }
 
-bool Pace::may_push(const State& mine, const State& other, int64_t stamp) const {
-  if (m_held) return false;
-  if (m_realtime || other.done) return true;
-  const int64_t ahead = mine.endless && !other.endless ? 0 : kMostAhead;
-  return stamp <= other.time + ahead;
+/// @param awaited  how far the other track has to be
+bool Pace::may_push(const State& mine, const State& other, int64_t awaited) const {
+  return !m_held && (m_realtime || other.done || other.time >= awaited || other.time == mine.stuck);
 }
 
 bool Pace::wait_turn(Track track, int64_t stamp) {
-  const State& mine = m_tracks[track];
+  State& mine = m_tracks[track];
   const State& other = m_tracks[1 - track];
   std::unique_lock<std::mutex> lock(m_mutex);
+  reach(track, stamp);
   const auto over = [&] { return is_over(mine, other, stamp); };
   const auto due = [&] { return m_begin + std::chrono::microseconds(stamp); };
   while (m_realtime && !over() && std::chrono::steady_clock::now() < due()) m_changed.wait_until(lock, due());
-  m_changed.wait(lock, [&] { return over() || may_push(mine, other, stamp); });
-  return !over();
+  const int64_t ahead = mine.endless && !other.endless ? 0 : kMostAhead;
+  if (!over() && !may_push(mine, other, stamp - ahead)) {
+    // The other comes up by half of it: the two would change places at each piece otherwise.
+    const int64_t awaited = mine.awaited = stamp - ahead / 2;
+    int64_t seen = other.time;
+    while (!m_changed.wait_for(lock, m_patience, [&] { return over() || may_push(mine, other, awaited); })) {
+      if (other.pushing && other.time == seen) mine.stuck = seen;
+      seen = other.time;
+    }
+  }
+  mine.pushing = !over();
+  return mine.pushing;
 }
 
 void Pace::advance(Track track, int64_t time) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_tracks[track].time = time;
+  m_tracks[track].pushing = false;
+  reach(track, time);
+}
+
+/// With m_mutex locked.
+void Pace::reach(Track track, int64_t time) {
+  State& mine = m_tracks[track];
+  mine.time = std::max(mine.time, time);
+  State& other = m_tracks[1 - track];
+  if (mine.time < other.awaited) return;
+  other.awaited = INT64_MAX;  // told once
   m_changed.notify_all();
 }
 

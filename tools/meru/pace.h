@@ -14,16 +14,20 @@ class Pace {
  public:
   enum Track { kVideo, kAudio };
 
-  explicit Pace(bool realtime) : m_realtime(realtime) {}
+  /// @param patience  how long a track that is ahead waits while the other one is being pushed: what it is pushed into
+  ///                  may wait for the track that is ahead
+  explicit Pace(bool realtime, std::chrono::milliseconds patience = kForEver)
+      : m_realtime(realtime), m_patience(patience) {}
 
   /// Announces a track, before the threads run.
   void add(Track track, bool endless);
   /// Time 0 of the live sources is now.
   void begin();
 
-  /// Waits until the piece at `stamp` microseconds is to be pushed. @return false when nothing more is to be pushed
+  /// Waits until the piece at `stamp` microseconds is to be pushed, before which none follows. @return false when
+  /// nothing more is to be pushed
   bool wait_turn(Track track, int64_t stamp);
-  /// The track has been pushed up to `time`.
+  /// The push is over: the track has been pushed up to `time`.
   void advance(Track track, int64_t time);
   void finish(Track track);
 
@@ -38,15 +42,22 @@ class Pace {
   void wake();
 
  private:
+  static constexpr std::chrono::hours kForEver{24 * 365};
+
   struct State {
     bool present = false, endless = false, done = true;
-    int64_t time = 0;  // microseconds pushed
+    bool pushing = false;
+    int64_t time = 0;             // microseconds before which nothing more comes
+    int64_t awaited = INT64_MAX;  // the other track's time for which this one waits
+    int64_t stuck = INT64_MIN;    // the other track's time at which it was waited for in vain
   };
 
-  bool may_push(const State& mine, const State& other, int64_t stamp) const;
+  void reach(Track track, int64_t time);
+  bool may_push(const State& mine, const State& other, int64_t awaited) const;
   bool is_over(const State& mine, const State& other, int64_t stamp) const;
 
   const bool m_realtime;
+  const std::chrono::milliseconds m_patience;
   mutable std::mutex m_mutex;
   std::condition_variable m_changed;
   std::array<State, 2> m_tracks;                  // guarded by m_mutex

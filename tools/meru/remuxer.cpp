@@ -11,8 +11,16 @@
 
 namespace meru_tool {
 
+namespace {
+
+// The library lets sound wait until there are enough pictures to begin with, which may be as many as it takes: a push
+// that lasts is then held back. Those that are not are over in a fraction of this.
+constexpr std::chrono::milliseconds kPatience{300};
+
+}  // namespace
+
 Remuxer::Remuxer(const RemuxOptions& options, const Outputs* outputs)
-    : m_options(options), m_outputs(outputs), m_pace(options.realtime) {
+    : m_options(options), m_outputs(outputs), m_pace(options.realtime, kPatience) {
   m_video.track = Pace::kVideo;
   m_audio.track = Pace::kAudio;
   open_sources();
@@ -80,6 +88,8 @@ void Remuxer::push_all(Track* track) {
   try {
     while (track->source != nullptr && push_next(track)) {
     }
+    // The library holds some back, and waits for more of them to begin with.
+    push(*track, nullptr, 0, 0);
   } catch (const std::exception& e) {
     note_failure(e.what());
   }
@@ -91,16 +101,20 @@ bool Remuxer::push_next(Track* track) {
   if (m_pace.stopped() || !track->source->next(&packet)) return false;
   const int64_t pts = packet.pts_usec - m_start_usec;
   if (!m_pace.wait_turn(track->track, pts)) return false;
-  auto* data = const_cast<uint8_t*>(packet.data);  // the library only copies it
-  if (track == &m_video) {
-    MERU2_write_video_packet(m_session, data, packet.size, pts);
-  } else {
-    MERU2_write_audio_packet(m_session, data, packet.size, pts);
-  }
+  push(*track, packet.data, packet.size, pts);
   ++track->packets;
   track->time_usec = pts;
   m_pace.advance(track->track, pts);
   return true;
+}
+
+void Remuxer::push(const Track& track, const uint8_t* packet, int size, int64_t pts) {
+  auto* data = const_cast<uint8_t*>(packet);  // the library only copies it
+  if (&track == &m_video) {
+    MERU2_write_video_packet(m_session, data, size, pts);
+  } else {
+    MERU2_write_audio_packet(m_session, data, size, pts);
+  }
 }
 
 /// The first failure ends the work. The library's text may hold the address with its key.

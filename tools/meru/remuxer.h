@@ -43,6 +43,7 @@ class Remuxer {
   static void on_status(int code, const char* text, void* user);
   void push_all(Track* track);
   bool push_next(Track* track);
+  void push(const Track& track, const uint8_t* packet, int size, int64_t pts);
   void note_failure(std::string text);
   std::string failure() const;
   Figures figures() const;
