@@ -28,6 +28,7 @@ if [[ ! -s v.h264 ]]; then
   done
   rm piece.*
 fi
+sync # or the disk would still be busy with them in the first rounds
 
 ffmpeg_command=(ffmpeg -nostdin -v error -y -framerate 30 -i v.h264 -i a.aac -c copy out.mp4)
 meru_command=("$meru" remux --video v.h264 --fps 30 --audio a.aac -o out.mp4)

@@ -31,6 +31,7 @@ fi
 # Without its table, as a crash leaves it.
 table=$(grep -abo moov whole.mp4 | tail -1 | cut -d: -f1)
 head -c $((table - 4)) whole.mp4 >broken.mp4
+sync # or the disk would still be busy with them in the first rounds
 
 cp_command=(cp whole.mp4 out.mp4)
 ffmpeg_command=(ffmpeg -nostdin -v error -y -i whole.mp4 -map 0 -c copy out.mp4)
