@@ -6,6 +6,7 @@
 #include "base/rtsp_tail.h"
 #include "common/checked_seeks.h"
 #include "common/log_site.h"
+#include "common/room_ahead.h"
 
 namespace MR {
 
@@ -201,6 +202,7 @@ void MR_AVWriter::running() {
 /// Writes until the end marker or an error. @return 0 when the output is complete, else the error
 int MR_AVWriter::write_queued() {
   RtspTail tail(m_fmt_ctx);
+  RoomAhead room(m_fmt_ctx);
   AVPacket pkt;
   meru_compat::init_packet(&pkt);
   while (m_queue->get(&pkt, true) >= 0) {
@@ -217,6 +219,7 @@ int MR_AVWriter::write_queued() {
     const int ret = write_frame(&pkt);
     av_packet_unref(&pkt);
     if (ret < 0) return ret;
+    room.follow();
   }
   MERU_LOG(2, "*** write tailer pkt.");
   const int ret = write_trailer();

@@ -1,42 +1,20 @@
 // A real disk that fills up under a recording, and the repair of what was written.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <map>
 
 #include "support/host.h"
 #include "support/index_reader.h"
 #include "support/probe.h"
+#include "support/small_disk.h"
 #include "support/temp_dir.h"
 
 namespace meru_test {
 namespace {
 
 constexpr int kImages = 400;
-
-/// A disk of a megabyte, in memory.
-class SmallDisk {
- public:
-  SmallDisk() : m_mounted(mount("tmpfs", m_dir.path().c_str(), "tmpfs", 0, "size=1m") == 0), m_error(errno) {}
-  ~SmallDisk() {
-    if (m_mounted) umount(m_dir.path().c_str());
-  }
-  SmallDisk(const SmallDisk&) = delete;
-  SmallDisk& operator=(const SmallDisk&) = delete;
-
-  bool mounted() const { return m_mounted; }
-  std::string why_not() const { return std::strerror(m_error); }
-  std::string file(const std::string& name) const { return m_dir.file(name); }
-
- private:
-  TempDir m_dir;
-  bool m_mounted;
-  int m_error;
-};
 
 class FullDiskTest : public testing::Test {
  protected:
@@ -83,7 +61,7 @@ class FullDiskTest : public testing::Test {
     EXPECT_EQ(probe_packets(repaired, "a:0").size(), whole[1]);
   }
 
-  SmallDisk m_disk;
+  SmallDisk m_disk{1};
   TempDir m_elsewhere;
 };
 

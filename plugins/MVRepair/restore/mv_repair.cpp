@@ -193,7 +193,8 @@ int MVRepair::rebuild(const char* output, const std::string& broken_path, const 
   audio_pts = audio_dts = video_pts = video_dts = 0;
   failure = 0;
   lost_place = false;
-  restore_packages(out.get(), broken, parser);
+  RoomAhead room(out.get());
+  restore_packages(out.get(), broken, parser, &room);
   CheckedSeeks checked(out->pb);
   ret = av_write_trailer(out.get());
   if (ret >= 0) ret = failure;
@@ -202,7 +203,7 @@ int MVRepair::rebuild(const char* output, const std::string& broken_path, const 
   return ret;
 }
 
-bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser) {
+bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser, RoomAhead* room) {
   int lines = 0;
   int ignored = 0;
   int first_ignored = 0;
@@ -219,6 +220,7 @@ bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& 
       continue;
     }
     remux_packets(line, broken, out, parser);
+    room->follow();
     if (lost_place) break;
     if ((lines + 1) % kLinesPerReport == 0) on_progress(parser.progress(), 0, "");
   }

@@ -12,6 +12,7 @@
 #include "MVRepair/restore/moov_parser.h"
 #include "MVRepair/restore/packet_record.h"
 #include "common/ffmpeg_handles.h"
+#include "common/room_ahead.h"
 
 /// Rebuilds a movie that was cut short from the packets in it and its side index.
 ///
@@ -56,7 +57,7 @@ class MVRepair : public std::enable_shared_from_this<MVRepair> {
   void on_progress(double progress, int code, const char* msg);
   int rebuild(const char* output, const std::string& broken_path, const std::string& moov, FILE* broken,
               MoovParser& parser);
-  bool restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser);
+  bool restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser, RoomAhead* room);
   void remux_packets(const char* line, FILE* broken, AVFormatContext* out, const MoovParser& parser);
   bool restore_packet(const PacketRecord& record, FILE* broken, AVFormatContext* out, const MVHeader& header);
   bool write(const PacketRecord& record, AVFormatContext* out, const MoovParser& parser, const char* rest);
