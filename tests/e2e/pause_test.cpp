@@ -143,7 +143,9 @@ TEST(PauseTest, FiftyPausesKeepSoundAndPictureInStep) {
     wait_until(boundary + pieces(random) * kPieceUsec + 3000);
     EXPECT_TRUE(MERU_resume(session));
   }
-  const long long marked = MERU_current_sys_usec() + 200000;
+  // At the stamp of an image, so that what is measured is not how far it lies behind the moment.
+  const long long step = kUsecPerSec / info.fps;
+  const long long marked = begin + ((MERU_current_sys_usec() + 200000 - begin) / step + 1) * step;
   marker = marked;
   // By the stamps, so that both end together even when the machine lets one of them fall behind.
   end = marked + 400000;
