@@ -13,8 +13,8 @@ namespace meru_tool {
 
 namespace {
 
-// The library lets sound wait until there are enough pictures to begin with, which may be as many as it takes: a push
-// that lasts is then held back. Those that are not are over in a fraction of this.
+// The library lets sound wait until there are enough pictures to begin with. A push of sound that lasts so long is held
+// back for that; others take a fraction of it.
 constexpr std::chrono::milliseconds kPatience{300};
 
 }  // namespace
