@@ -29,10 +29,11 @@ bool is_file(const std::string& url) {
   return url.rfind(kFileProtocol, 0) == 0 || url.find("://") == std::string::npos;
 }
 
-std::string file_path(const std::string& typed) {
-  const bool named = typed.rfind(kFileProtocol, 0) == 0;
-  return unmistakable(named ? typed.substr(sizeof(kFileProtocol) - 1) : typed);
+std::string without_protocol(const std::string& typed) {
+  return typed.rfind(kFileProtocol, 0) == 0 ? typed.substr(sizeof(kFileProtocol) - 1) : typed;
 }
+
+std::string file_path(const std::string& typed) { return unmistakable(without_protocol(typed)); }
 
 std::string unmistakable(const std::string& path) {
   return path.substr(0, path.find('/')).find(':') == std::string::npos ? path : "./" + path;

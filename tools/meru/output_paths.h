@@ -11,6 +11,8 @@ namespace meru_tool {
 bool is_network(const std::string& url);
 /// Whether an output is a file; it may have the name of that protocol before its path.
 bool is_file(const std::string& url);
+/// What was typed, without "file:" at its front.
+std::string without_protocol(const std::string& typed);
 /// The path of such an output: unmistakable(), without the name of the protocol.
 std::string file_path(const std::string& typed);
 /// A path of which FFmpeg takes no beginning for a protocol, as it would of "file:a.mp4" or "12:30.mp4".

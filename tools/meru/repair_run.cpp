@@ -163,8 +163,7 @@ RepairResult result_of(const RepairRun& run, const RepairLog& log, const RepairF
 }  // namespace
 
 std::string plain_path(const std::string& typed) {
-  constexpr char kProtocol[] = "file:";
-  std::string path = typed.rfind(kProtocol, 0) == 0 ? typed.substr(sizeof(kProtocol) - 1) : typed;
+  std::string path = without_protocol(typed);
   if (path.empty() || path.find("://") != std::string::npos) return path;
   return std::filesystem::absolute(path).string();
 }
