@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "common/books.h"
 #include "common/ffmpeg_handles.h"
 #include "common/io_interrupt.h"
 
@@ -44,6 +45,7 @@ class BaseWriter {
   bool m_live = false;                   ///< the output is a live stream: it gets a bounded time at the end
   int m_timeout_sec = 0;                 ///< bounds each network read and write; 0 = no bound
   IoInterrupt m_interrupt;               ///< breaks off this output's blocking network calls
+  MR::OutputBooks m_books;               ///< what was handed to this output and what became of it
   IoInterrupt* m_io = &m_interrupt;  ///< what does so: its owner's, when that opened the output before this was made
 };
 

@@ -10,6 +10,7 @@
 #include "base/base_writer.h"
 #include "base/start_ctx.h"
 #include "base/video_enc.h"
+#include "common/books.h"
 #include "common/ffmpeg_compat.h"
 #include "common/ffmpeg_handles.h"
 #include "meru/movie_info.h"
@@ -72,6 +73,8 @@ class MovieMuxer : public MovieBase {
   /// Time of the last encoded audio frame, else of the last video frame, in microseconds; negative when there is none.
   int64_t last_usec_pts() const;
 
+  MR::CaptureBooks& books() { return m_books; }
+
   void flushEncoder(AVFormatContext* oc);
   void close_stream(AVFormatContext* oc, OutputStream* ost);
 
@@ -105,6 +108,7 @@ class MovieMuxer : public MovieBase {
   void close_output();
   void limit_outputs();
 
+  MR::CaptureBooks m_books;
   std::unique_ptr<AudioEnc> m_audio_enc;
   std::unique_ptr<VideoEnc> m_video_enc;
   OutputStream m_video_st;

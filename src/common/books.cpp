@@ -1,0 +1,35 @@
+#include "common/books.h"
+
+#include <numeric>
+
+namespace MR {
+
+namespace {
+
+std::atomic<BooksObserver> g_observer{nullptr};
+
+}  // namespace
+
+const char* drop_text(Drop reason) {
+  static constexpr std::array<const char*, static_cast<size_t>(Drop::kCount)> kTexts{
+      "not started", "paused",  "no such track", "refused",       "timestamp",     "filter",       "encoder",
+      "damaged",     "overlap", "left over",     "failed output", "queue aborted", "out of memory"};
+  return kTexts[static_cast<size_t>(reason)];
+}
+
+bool Ledger::take_back(Drop reason, int64_t count) {
+  m_passed.fetch_sub(count, std::memory_order_relaxed);
+  return drop(reason, count);
+}
+
+int64_t Ledger::dropped() const { return std::accumulate(m_dropped.begin(), m_dropped.end(), int64_t{0}); }
+
+void observe_books(BooksObserver observer) { g_observer = observer; }
+
+bool books_are_observed() { return g_observer.load() != nullptr; }
+
+void publish_books(const SessionReport& report) {
+  if (const BooksObserver observer = g_observer; observer != nullptr) observer(report);
+}
+
+}  // namespace MR
