@@ -2,50 +2,29 @@
 
 #include <algorithm>
 #include <ostream>
+#include <vector>
 
 #include "base/rtsp_tail.h"
 #include "common/checked_seeks.h"
 #include "common/log_site.h"
+#include "common/no_sigpipe.h"
 #include "common/room_ahead.h"
+#include "output/cloned_context.h"
+#include "output/local_file.h"
 
 namespace MR {
 
 namespace {
 
-constexpr int64_t kNoPtsYet = -999999;
+constexpr int64_t kNoTimestampYet = AV_NOPTS_VALUE;  // the smallest there is
 constexpr int kCachePerOutput = 6;
 constexpr int kExtraCachePerOutput = 3;
 constexpr int kErrorTextSize = 512;
-constexpr int64_t kOpeningSec = 10;
 constexpr int64_t kReleaseUsec = 1000000;  // for a connection that was never used
+constexpr int64_t kIndexedInterleaveUsec = 100000;
+constexpr int64_t kLiveInterleaveUsec = 1000000;
 
-/// The time base that the encoder worked in: the muxer of `src` may have replaced it in the stream.
-AVRational encoder_time_base(const AVStream* st) {
-  const AVCodecParameters* par = st->codecpar;
-  if (par->codec_type == AVMEDIA_TYPE_AUDIO && par->sample_rate > 0) return {1, par->sample_rate};
-  if (par->codec_type == AVMEDIA_TYPE_VIDEO && st->avg_frame_rate.num > 0) return av_inv_q(st->avg_frame_rate);
-  return st->time_base;
-}
-
-int copy_streams(const AVFormatContext* src, AVFormatContext* dst) {
-  for (unsigned i = 0; i < src->nb_streams; ++i) {
-    const AVStream* from = src->streams[i];
-    AVStream* to = avformat_new_stream(dst, nullptr);
-    if (to == nullptr) {
-      fprintf(stderr, "failed create output stream...\n");
-      return -1;
-    }
-    const int ret = avcodec_parameters_copy(to->codecpar, from->codecpar);
-    if (ret < 0) {
-      fprintf(stderr, "failed to copy context...\n");
-      return ret;
-    }
-    to->codecpar->codec_tag = 0;
-    to->time_base = encoder_time_base(from);
-    to->avg_frame_rate = from->avg_frame_rate;
-  }
-  return 0;
-}
+bool has_own_io(const AVFormatContext* ctx) { return (ctx->oformat->flags & AVFMT_NOFILE) == 0; }
 
 }  // namespace
 
@@ -58,7 +37,7 @@ MR_AVWriter::MR_AVWriter(int max_cache, int extra_cache, const char* url)
       m_max_cache(max_cache),
       m_extra_cache(extra_cache),
       m_url(url != nullptr ? url : "") {
-  for (auto& pts : m_last_pts) pts = kNoPtsYet;
+  for (auto& pts : m_last_pts) pts = kNoTimestampYet;
 }
 
 MR_AVWriter::~MR_AVWriter() { MR_AVWriter::stop(); }
@@ -79,6 +58,8 @@ void MR_AVWriter::create_other_writers(const char** urls) {
     writer->m_interrupt.begin_start(m_interrupt.stop_flag());
     writer->m_live = isLiveStream(url);
     writer->m_timeout_sec = m_timeout_sec;
+    writer->m_gate = m_gate;
+    writer->m_delay = m_delay;
     writer->m_number = i;
     writer->m_prev_writer = previous;
     previous->m_next_writer = writer.get();
@@ -120,7 +101,7 @@ int MR_AVWriter::writeHeader(AVFormatContext* s, const char* metainfo) {
     result = open(s, metainfo);
     if (result < 0 && m_prev_writer == nullptr && s != nullptr) return result;
   }
-  if (m_next_writer != nullptr) m_next_writer->writeHeader(s, metainfo);
+  open_others(s, metainfo);
   if (m_exited) {  // the stop came before there was anything to release
     release_connection();
     throw_exited("main writer already exited 2 ...");
@@ -128,18 +109,73 @@ int MR_AVWriter::writeHeader(AVFormatContext* s, const char* metainfo) {
   return result;
 }
 
-/// A further output without a header takes no packets; the outputs behind it go on. A server that does not answer must
-/// not keep the recording from beginning, so its opening has an end even where the host asked for no time-out.
+/// Files first, one after the other; then the live outputs side by side, so that servers that do not answer are waited
+/// for once.
+void MR_AVWriter::open_others(AVFormatContext* s, const char* metainfo) {
+  std::vector<std::thread> openings;
+  for (const bool live : {false, true}) {
+    for (MR_AVWriter* writer = m_next_owned.get(); writer != nullptr; writer = writer->m_next_owned.get()) {
+      if (writer->m_live != live || writer->m_fmt_ctx != nullptr) continue;
+      if (!live) {
+        writer->open(s, metainfo);
+        continue;
+      }
+      try {
+        openings.emplace_back([=] { writer->open(s, metainfo); });
+      } catch (const std::exception&) {  // no thread or no memory
+        writer->open(s, metainfo);
+      }
+    }
+  }
+  for (std::thread& opening : openings) opening.join();
+}
+
+/// A further output without a header takes no packets; the others go on. A server that does not answer must not keep
+/// the recording from starting, so the opening of a live output has a deadline even where the host asked for no
+/// time-out.
 int MR_AVWriter::open(AVFormatContext* s, const char* metainfo) {
   const bool further = m_prev_writer != nullptr;
-  if (further && m_live) m_interrupt.limit_opening(std::max<int64_t>(m_timeout_sec, kOpeningSec) * 1000000);
+  if (further && m_live) limit_opening();
+  int result = AVERROR(ENOMEM);
+  try {
+    const std::string path = local_path(further ? m_url.c_str() : (s != nullptr ? s->url : nullptr));
+    result = path.empty() || m_gate == nullptr ? open_output(s, metainfo) : open_local(path, s, metainfo);
+  } catch (const std::bad_alloc&) {
+    if (further) close_clone();
+    log_failure(m_url.c_str(), result);
+  }
+  m_io->opening_over();
+  return result;
+}
+
+/// A file of the start passes the gate. Throws MRException (20) for the main output when the session was stopped.
+int MR_AVWriter::open_local(const std::string& path, AVFormatContext* s, const char* metainfo) {
+  int result = -1;
+  const auto open_it = [&] { return (result = open_output(s, metainfo)) >= 0; };
+  const bool passed = m_gate->pass([&] {
+    if (m_prev_writer == nullptr) {  // its owner has opened it, and closes it
+      if (open_it()) m_gate->note_open([this] { abandon(); });
+    } else {
+      m_gate->open_file(path, open_it, [this] { abandon(); });
+    }
+  });
+  if (!passed && m_prev_writer == nullptr) throw_exited("main writer already exited ...");
+  return result;
+}
+
+/// What the start has written is given up. Formats that open their own files close them in the trailer alone.
+void MR_AVWriter::abandon() {
+  release_connection();
+  if (m_prev_writer != nullptr) close_clone();
+}
+
+int MR_AVWriter::open_output(AVFormatContext* s, const char* metainfo) {
   AVFormatContext* ctx = prepare_fmt_ctx(s);
   const int result = ctx != nullptr ? BaseWriter::writeHeader(ctx, metainfo) : -1;
   m_needs_trailer = result >= 0;
   if (result >= 0) log_open_output(m_number, ctx->url);
   if (result < 0 && ctx != nullptr) log_failure(ctx->url, result);
-  if (result < 0 && further) close_clone();
-  m_interrupt.opening_over();
+  if (result < 0 && m_prev_writer != nullptr) close_clone();
   return result;
 }
 
@@ -151,33 +187,58 @@ void MR_AVWriter::log_failure(const char* url, int error) const {
   if (!m_io->start_given_up()) log_failed_output(m_number, url, understood(error));
 }
 
+void MR_AVWriter::note_drop(Drop reason, int stream) {
+  if (!m_books.of(stream).drop(reason) || reason == Drop::kFailedOutput) return;  // which has a line of its own
+  MERU_LOG(2, "output %d drops packets of stream %d: %s", m_number, stream, drop_text(reason));
+}
+
+/// What is still queued is not going to be written.
+void MR_AVWriter::drop_queued(Drop reason) {
+  m_queue->flush([&](const AVPacket& pkt) { note_drop(reason, pkt.stream_index); });
+}
+
+/// Whether a packet comes after the one before it, and that one's timestamp is this one's from here on.
+bool MR_AVWriter::rises(const AVStream* st, const AVPacket* pkt) {
+  const bool reorders = st->codecpar->video_delay > 0 && pkt->dts != AV_NOPTS_VALUE;
+  const int64_t timestamp = reorders ? pkt->dts : pkt->pts;
+  auto& last = m_last_pts.at(static_cast<size_t>(st->index));
+  if (timestamp <= last) return false;
+  last = timestamp;
+  return true;
+}
+
 int MR_AVWriter::enqueue(const AVStream* st, AVPacket* pkt, bool flag) {
   m_last_time = static_cast<double>(pkt->pts) * av_q2d(st->time_base);
   AVPacket copy;
   meru_compat::init_packet(&copy);
   int ret = av_packet_ref(&copy, pkt);
   if (ret >= 0) ret = m_queue->put_block(&copy, m_max_cache + (flag ? m_extra_cache : 0), true);
-  if (ret >= 0 || m_failed) return ret;
-  // The queue is aborted by a failure alone. What is lost here is told of by no other line where it is a further
-  // output.
-  MERU_LOG(2, "output %d has lost a packet: no memory", m_number);
-  return AVERROR(ENOMEM);
+  if (ret >= 0) return ret;
+  // The queue is aborted by a failure alone.
+  note_drop(m_failed ? Drop::kFailedOutput : Drop::kMemory, st->index);
+  return m_failed ? ret : AVERROR(ENOMEM);
 }
 
 int MR_AVWriter::writePacket(const AVRational* tb, AVPacket* pkt, bool flag) {
   if (pkt == nullptr) return 0;
+  const int stream = pkt->stream_index;
+  m_books.of(stream).take();
+  if (!flag && m_prev_writer == nullptr && pkt->dts != AV_NOPTS_VALUE) {
+    m_encoder_delay.returned(av_rescale_q(pkt->dts, *tb, AVRational{1, AV_TIME_BASE}));
+  }
   int result = -1;
   AVRational handed_on = *tb;
-  if (m_fmt_ctx != nullptr) {
-    const AVStream* st = m_fmt_ctx->streams[pkt->stream_index];
+  if (m_fmt_ctx == nullptr) {
+    note_drop(Drop::kFailedOutput, stream);
+  } else {
+    const AVStream* st = m_fmt_ctx->streams[stream];
     av_packet_rescale_ts(pkt, *tb, st->time_base);
     handed_on = st->time_base;
-    auto& last_pts = m_last_pts.at(static_cast<size_t>(pkt->stream_index));
-    if (pkt->pts <= last_pts) {
+    if (!rises(st, pkt)) {
+      note_drop(Drop::kTimestamp, stream);
       av_packet_unref(pkt);
       return 0;
     }
-    last_pts = pkt->pts;
     result = enqueue(st, pkt, flag);
   }
   if (m_next_writer != nullptr) {
@@ -195,12 +256,14 @@ int MR_AVWriter::writeTailer() {
 }
 
 void MR_AVWriter::running() {
+  const NoSigpipe no_sigpipe;
   const int error = write_queued();
   if (error < 0) fail(error);
 }
 
 /// Writes until the end marker or an error. @return 0 when the output is complete, else the error
 int MR_AVWriter::write_queued() {
+  m_in_band = std::make_unique<InBandExtradata>(m_extradata_apart ? m_fmt_ctx : nullptr);
   RtspTail tail(m_fmt_ctx);
   RoomAhead room(m_fmt_ctx);
   AVPacket pkt;
@@ -214,11 +277,17 @@ int MR_AVWriter::write_queued() {
       MERU_LOG(2, "******* get tailer-pkt ****");
       break;
     }
-    meru_compat::complete_duration(m_fmt_ctx->streams[pkt.stream_index], &pkt);
+    const int stream = pkt.stream_index;
+    meru_compat::complete_duration(m_fmt_ctx->streams[stream], &pkt);
     tail.note(&pkt);
-    const int ret = write_frame(&pkt);
+    int ret = m_in_band->add_to(&pkt);
+    if (ret >= 0) ret = write_frame(&pkt);
     av_packet_unref(&pkt);
-    if (ret < 0) return ret;
+    if (ret < 0) {
+      note_drop(Drop::kFailedOutput, stream);
+      return ret;
+    }
+    m_books.of(stream).pass();
     room.follow();
   }
   MERU_LOG(2, "*** write tailer pkt.");
@@ -228,6 +297,7 @@ int MR_AVWriter::write_queued() {
     return ret;
   }
   m_tailer_done = true;
+  m_books.complete = true;
   return 0;
 }
 
@@ -235,8 +305,20 @@ int MR_AVWriter::write_queued() {
 /// what has been broken off is looked at as well.
 int MR_AVWriter::write_frame(AVPacket* pkt) {
   m_io->limit_io(m_live ? static_cast<int64_t>(m_timeout_sec) * 1000000 : 0);
+  set_interleaving();
   const int ret = av_interleaved_write_frame(m_fmt_ctx, pkt);
   return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
+}
+
+/// How long a stream waits for the packets of one that delivers nothing: never less than what the encoder holds, or
+/// what it returns would be written after later packets of the other stream. Of a file with an index nothing may be
+/// kept from the disk because the encoder has returned nothing at all yet.
+void MR_AVWriter::set_interleaving() {
+  const int64_t bound = m_live ? kLiveInterleaveUsec : (m_indexed ? kIndexedInterleaveUsec : 0);
+  if (bound == 0) return;
+  int64_t held = m_delay->held_usec();
+  if (held < 0) held = m_live ? m_delay->pushed_usec() : 0;
+  m_fmt_ctx->max_interleave_delta = bound + std::max<int64_t>(held, 0);
 }
 
 int MR_AVWriter::write_trailer() {
@@ -256,13 +338,14 @@ void MR_AVWriter::fail(int error) {
   av_strerror(error, text, sizeof(text));
   MERU_LOG(2, "[Write Pkt Err] (cache=%d, max=%d), err=%d, errmsg=%s", cachedNPackets(), m_max_cache, error, text);
   if (m_fmt_ctx != nullptr) log_failure(m_fmt_ctx->url, error);
+  drop_queued(Drop::kFailedOutput);
   if (m_live) m_io->limit(0);
   if (m_status_cb != nullptr && !m_io->start_given_up()) m_status_cb(error, text, m_status_user);
 }
 
 /// The muxer of an output without I/O of its own has a connection open, which only the trailer closes.
 void MR_AVWriter::release_connection() {
-  const bool open = m_needs_trailer && (m_fmt_ctx->oformat->flags & AVFMT_NOFILE) != 0;
+  const bool open = m_needs_trailer && !has_own_io(m_fmt_ctx);
   m_needs_trailer = false;
   if (open) av_write_trailer(m_fmt_ctx);
 }
@@ -273,6 +356,7 @@ void MR_AVWriter::stop() {
   }
   MR_AVWriter::writeTailer();  // by name: the destructor comes through here too
   join();
+  drop_queued(m_failed ? Drop::kFailedOutput : Drop::kQueueAborted);
   release_connection();
   if (m_prev_writer != nullptr) close_clone();
   if (m_next_writer != nullptr) m_next_writer->stop();
@@ -286,48 +370,25 @@ void MR_AVWriter::join() {
 
 void MR_AVWriter::close_clone() {
   if (m_fmt_ctx == nullptr) return;
-  if ((m_fmt_ctx->oformat->flags & AVFMT_NOFILE) == 0) avio_closep(&m_fmt_ctx->pb);
+  if (has_own_io(m_fmt_ctx)) avio_closep(&m_fmt_ctx->pb);
   avformat_free_context(m_fmt_ctx);
   m_fmt_ctx = nullptr;
   m_format.reset();
 }
 
-int MR_AVWriter::make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out) {
-  const AVOutputFormat* format = further_format(url);
-  if (format == nullptr) {
-    if (isRtmpStream(url)) return -1;
-    fprintf(stderr, "Could not create output context...\n");
-    return AVERROR(EINVAL);  // what FFmpeg says to an address that tells no format
-  }
-  m_format = std::make_unique<meru_compat::OutputFormatCopy>(format);
-  m_format->get()->video_codec = isRtmpStream(url) ? AV_CODEC_ID_H264 : src->oformat->video_codec;
-  m_format->get()->audio_codec = isRtmpStream(url) ? AV_CODEC_ID_AAC : src->oformat->audio_codec;
-
-  AVFormatContext* ctx = nullptr;
-  int ret = avformat_alloc_output_context2(&ctx, m_format->get(), nullptr, url);
-  out->reset(ctx);
-  if (ret < 0) return ret;
-  ctx->interrupt_callback = m_interrupt.callback();
-  if (isRtspStream(url)) set_rtsp_options(ctx, m_timeout_sec);
-  ret = copy_streams(src, ctx);
-  if (ret < 0) return ret;
-  av_dump_format(ctx, 0, public_url(url).c_str(), 1);
-  if ((ctx->oformat->flags & AVFMT_NOFILE) != 0) return 0;
-  AVDictionary* options = io_options(url, m_timeout_sec).release();
-  ret = avio_open2(&ctx->pb, url, AVIO_FLAG_WRITE, &ctx->interrupt_callback, &options);
-  av_dict_free(&options);
-  if (ret < 0) fprintf(stderr, "io open failed ...\n");
-  return ret;
-}
-
 AVFormatContext* MR_AVWriter::clone_fmt_ctx(AVFormatContext* src, const char* url) {
-  FormatContextPtr ctx;
-  const int ret = make_clone(src, url, &ctx);
-  if (ret >= 0) return ctx.release();
+  ClonedContext clone;
+  int ret = clone_context(src, url, m_timeout_sec, m_interrupt.callback(), &clone);
+  if (ret >= 0) {
+    ret = open_io(clone.context.get(), url, m_timeout_sec);
+    if (ret < 0) fprintf(stderr, "io open failed ...\n");
+  }
+  if (ret >= 0) {
+    m_format = std::move(clone.format);
+    return clone.context.release();
+  }
   fprintf(stderr, "Error ###: %s\n", AvError(ret).text);
   log_failure(url, ret);
-  ctx.reset();
-  m_format.reset();
   return nullptr;
 }
 

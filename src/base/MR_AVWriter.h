@@ -10,6 +10,7 @@
 #include "base/packetqueue.h"
 #include "base/stream_url.h"
 #include "common/ffmpeg_compat.h"
+#include "output/in_band_extradata.h"
 
 namespace MR {
 
@@ -33,6 +34,8 @@ constexpr int kAlreadyExited = 20;
 /// Writes packets on a thread of its own, through a bounded queue, and hands each one on to further outputs, every one
 /// of which is such a writer with its own context, queue and thread.
 ///
+/// Packets handed to an output are written, or dropped and counted by reason in `m_books`.
+///
 /// One or two threads write packets (audio and video); starting and stopping come from one thread. A full queue blocks
 /// whoever writes.
 class MR_AVWriter : public BaseWriter {
@@ -48,11 +51,12 @@ class MR_AVWriter : public BaseWriter {
   void start() override;
   /// Ends the chain: every queue is written out, every trailer written, every further output closed.
   void stop() override;
-  /// Writes the header of the main output, then opens the further outputs and writes theirs. A further output that
-  /// cannot be opened is left out. Throws MRException (20) when stop() has come before.
+  /// Writes the header of the main output, then opens the further outputs, live ones side by side, and writes theirs. A
+  /// further output that cannot be opened is left out. Throws MRException (20) when stop() has come before.
   /// @return the main output's result
   int writeHeader(AVFormatContext* s, const char* metainfo) override;
-  /// @return 0 when queued, or dropped because the stamp does not rise; negative when this output has failed. The
+  /// The timestamp that has to rise in each stream is the dts where frames are reordered, else the pts.
+  /// @return 0 when queued, or dropped because the timestamp does not rise; negative when this output has failed. The
   ///         packet is consumed and handed on either way
   int writePacket(const AVRational* tb, AVPacket* pkt, bool flag) override;
   /// Queues the end marker in the whole chain. @return 0, or -1 when there is no writing thread
@@ -70,13 +74,20 @@ class MR_AVWriter : public BaseWriter {
   AVFormatContext* clone_fmt_ctx(AVFormatContext* src, const char* url);
 
  private:
-  static constexpr size_t kMaxStreams = 8;
+  static constexpr size_t kMaxStreams = OutputBooks::kStreams;
 
-  int make_clone(AVFormatContext* src, const char* url, FormatContextPtr* out);
+  void open_others(AVFormatContext* s, const char* metainfo);
   int open(AVFormatContext* s, const char* metainfo);
+  int open_output(AVFormatContext* s, const char* metainfo);
+  int open_local(const std::string& path, AVFormatContext* s, const char* metainfo);
+  void abandon();
+  void set_interleaving();
   int understood(int error) const;
   void log_failure(const char* url, int error) const;
+  bool rises(const AVStream* st, const AVPacket* pkt);
   int enqueue(const AVStream* st, AVPacket* pkt, bool flag);
+  void note_drop(Drop reason, int stream);
+  void drop_queued(Drop reason);
   void start_thread();
   void running();
   int write_queued();
@@ -99,9 +110,10 @@ class MR_AVWriter : public BaseWriter {
   std::string m_url;  // address of a further output, empty for the main writer
   int m_number = 0;   // place of a further output in the chain, 0 for the main writer
   std::atomic<bool> m_exited{false};
-  std::array<std::atomic<int64_t>, kMaxStreams> m_last_pts;
-  std::unique_ptr<MR_AVWriter> m_next_owned;                // what m_next_writer points to
-  std::unique_ptr<meru_compat::OutputFormatCopy> m_format;  // of a further output's context
+  std::array<std::atomic<int64_t>, kMaxStreams> m_last_pts;  // dts where the stream reorders its frames
+  std::unique_ptr<MR_AVWriter> m_next_owned;                 // what m_next_writer points to
+  std::unique_ptr<meru_compat::OutputFormatCopy> m_format;   // of a further output's context
+  std::unique_ptr<InBandExtradata> m_in_band;                // writing thread; null where nothing has to be added
 };
 
 }  // namespace MR

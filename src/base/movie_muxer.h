@@ -101,11 +101,14 @@ class MovieMuxer : public MovieBase {
   void set_network_options(const MovieInfo& info);
   OpenedStreams create_streams(MovieInfo* info);
   void open_streams(OpenedStreams opened, const MovieInfo& info);
+  [[noreturn]] static void throw_exited();
+  void open_gated(const std::string& path, const std::function<bool()>& open, std::function<void()> close);
   void open_io(const MovieInfo& info);
   void open_snapshot(const MovieInfo& info);
   void write_header(const MovieInfo& info);
   void accept_frames(const MovieInfo& info, StartCtx* ctx);
   void close_output();
+  void publish_books() const;
   void limit_outputs();
 
   MR::CaptureBooks m_books;

@@ -144,10 +144,11 @@ void PacketQueue::abort() {
   cond_put.notify_all();
 }
 
-void PacketQueue::flush() {
+void PacketQueue::flush(const std::function<void(const AVPacket& pkt)>& dropped) {
   const std::lock_guard<std::mutex> lock(mutex);
   for (Node* node = first; node != nullptr;) {
     Node* next = node->next;
+    if (dropped && !is_tailer(&node->pkt)) dropped(node->pkt);
     release(&node->pkt);
     free_node(node);
     node = next;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 
 #include "common/ffmpeg_handles.h"
@@ -39,8 +40,8 @@ class PacketQueue {
 
   /// Makes every waiting and later put_block and get return -1, for good.
   void abort();
-  /// Releases what is queued. An abort stays in force.
-  void flush();
+  /// Releases what is queued, which `dropped` sees before, the end marker excepted. An abort stays in force.
+  void flush(const std::function<void(const AVPacket& pkt)>& dropped = nullptr);
 
   /// The end marker; the same for all queues, never copied, never freed.
   static AVPacket s_tailer_pkt;

@@ -7,6 +7,7 @@
 #include "base/MR_AVWriter.h"
 #include "base/movie_muxer.h"
 #include "common/log_site.h"
+#include "common/no_sigpipe.h"
 
 namespace {
 
@@ -29,7 +30,8 @@ void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
   int code = MERU_STATUS_OK;
   char text[kTextSize] = "start OK";
   bool report = true;
-  if (*ctx->exited) {
+  const NoSigpipe no_sigpipe;
+  if (*ctx->gate.exited()) {
     MERU_LOG(2, "=^= running begin: already exited,  exit thread");
     leave(ctx.get());
     return;
@@ -45,13 +47,7 @@ void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
     report = false;
   }
 
-  bool stopped = false;
-  {
-    const std::lock_guard<std::mutex> lock(ctx->mutex);
-    stopped = *ctx->exited && !ctx->over;
-    ctx->over = ctx->over || !stopped;
-  }
-  if (stopped) {
+  if (ctx->gate.end()) {
     if (code != MERU_STATUS_OK) MERU_LOG(2, "=#= catch exception: already exited, ignore ...");
     ctx->muxer->close_output();
     leave(ctx.get());
@@ -67,11 +63,6 @@ void StartCtx::thread_running(const std::shared_ptr<StartCtx>& shared) {
 
 /// The start routine's last act when the recording was stopped meanwhile: what MERU_stop left to it is done here.
 void StartCtx::leave(StartCtx* ctx) {
-  std::function<void()> last_leaves;
-  {
-    const std::lock_guard<std::mutex> lock(ctx->mutex);
-    ctx->over = true;
-    last_leaves = std::move(ctx->last_leaves);
-  }
-  if (last_leaves) last_leaves();
+  const std::function<void()> last_act = ctx->gate.take_last_act();
+  if (last_act) last_act();
 }

@@ -1,7 +1,5 @@
 #include "common/books.h"
 
-#include <numeric>
-
 namespace MR {
 
 namespace {
@@ -21,8 +19,6 @@ bool Ledger::take_back(Drop reason, int64_t count) {
   m_passed.fetch_sub(count, std::memory_order_relaxed);
   return drop(reason, count);
 }
-
-int64_t Ledger::dropped() const { return std::accumulate(m_dropped.begin(), m_dropped.end(), int64_t{0}); }
 
 void observe_books(BooksObserver observer) { g_observer = observer; }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,7 @@ enum class Drop {
 };
 
 /// @return the reason as a log prints it
-const char* drop_text(Drop reason);
+MERU_EXPORT const char* drop_text(Drop reason);
 
 /// One account: taken = passed + dropped. The unit (frames, samples, bytes, packets) is that of whoever counts. Any
 /// thread.
@@ -47,7 +48,7 @@ class Ledger {
   int64_t taken() const { return m_taken; }
   int64_t passed() const { return m_passed; }
   int64_t dropped(Drop reason) const { return m_dropped[static_cast<size_t>(reason)]; }
-  int64_t dropped() const;
+  int64_t dropped() const { return std::accumulate(m_dropped.begin(), m_dropped.end(), int64_t{0}); }
   bool balances() const { return taken() == passed() + dropped(); }
 
  private:
@@ -85,6 +86,9 @@ class Taken {
 struct OutputBooks {
   static constexpr size_t kStreams = 8;
   std::array<Ledger, kStreams> streams;
+  std::array<int, kStreams> kinds{};  ///< AVMediaType of each stream, once the header is written
+  size_t stream_count = 0;            ///< 0 as long as the header is not written
+  std::string url;                    ///< as the host gave it; empty as long as the header is not written
   std::atomic<bool> complete{false};  ///< the trailer is written
   Ledger& of(int stream) { return streams.at(static_cast<size_t>(stream)); }
 };
@@ -97,22 +101,15 @@ struct CaptureBooks {
   std::atomic<int64_t> silence{0};  ///< of the encoder's samples: how many were made, not pushed
 };
 
-/// What an output has been handed and has written.
-struct OutputReport {
-  int number;       ///< 0 for the main output
-  std::string url;  ///< as the host gave it
-  bool complete;    ///< its trailer is written
-  const OutputBooks* books;
-};
-
 /// The books of a session that has ended.
 struct SessionReport {
+  bool encodes;  ///< the session records raw media
   struct Account {
     const char* name;
     const Ledger* ledger;
   };
   std::vector<Account> accounts;
-  std::vector<OutputReport> outputs;
+  std::vector<const OutputBooks*> outputs;  ///< the main output first
 };
 
 /// Called at the end of every session, on the thread that ends it. The report is valid during the call.

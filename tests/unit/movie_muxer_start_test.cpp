@@ -171,10 +171,10 @@ TEST_F(MuxerStart, StoppedBeforeTheEndItNeverAcceptsFrames) {
 TEST_F(MuxerStart, RoutineOfAStoppedRecordingEndsAtOnce) {
   const auto ctx = std::make_shared<StartCtx>();
   bool left = false;
-  *ctx->exited = true;
+  ctx->gate.close();
   ctx->cb = &told;
   ctx->user = this;
-  ctx->last_leaves = [&left] { left = true; };
+  ctx->gate.leave([&left] { left = true; });
   StartCtx::thread_running(ctx);  // there is no muxer that it could use
   EXPECT_EQ(m_log.count(2, "=^= running begin: already exited,  exit thread"), 1);
   EXPECT_TRUE(left);

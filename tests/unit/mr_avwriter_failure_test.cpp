@@ -41,8 +41,11 @@ TEST(MrAvWriterFailure, IsReportedOnceAndLaterPacketsAreRefused) {
   ASSERT_EQ(reports.count(), 1U);
   EXPECT_EQ(reports.entries[0].id, AVERROR(ENOSPC));
   EXPECT_EQ(reports.entries[0].text, "No space left on device");
-  // One of the packets that were left is the end marker that stop() queued.
-  const std::string line = "[Write Pkt Err] (cache=" + std::to_string(writer.cachedNPackets() - 1) +
+  const MR::Ledger& ledger = writer.m_books.of(0);
+  EXPECT_TRUE(ledger.balances());
+  EXPECT_EQ(ledger.taken(), 12);
+  // Besides those that were queued: the packet that failed, and the two that were refused.
+  const std::string line = "[Write Pkt Err] (cache=" + std::to_string(ledger.dropped(MR::Drop::kFailedOutput) - 3) +
                            ", max=60), err=-28, errmsg=No space left on device";
   EXPECT_EQ(log.count(2, line), 1) << line;
   EXPECT_EQ(log.count(2, "*** write tailer pkt."), 0);

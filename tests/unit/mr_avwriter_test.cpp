@@ -125,17 +125,17 @@ TEST(MrAvWriter, DropsStampsThatDoNotRiseInTheirStream) {
   EXPECT_EQ(file.packets(kAudioStream), 1U);
 }
 
-TEST(MrAvWriter, TakesNegativeStampsDownToItsFloor) {
+TEST(MrAvWriter, TakesNegativeTimestampsOfAnySize) {
   const TempDir dir;
   TestOutput output("matroska", dir.file("a.mkv"));
   MR_AVWriter writer(60, 1000, nullptr);
   ASSERT_GE(writer.writeHeader(output.get(), nullptr), 0);
   const AVRational tb = output.get()->streams[0]->time_base;
-  for (const int64_t pts : {-1000000, -999999, -999998, -1, 0}) {
+  for (const int64_t pts : {INT64_MIN + 1, int64_t{-1000000}, int64_t{-1}, int64_t{0}}) {
     AVPacket packet = make_packet(kVideoStream, pts);
     EXPECT_EQ(writer.writePacket(&tb, &packet, false), 0);
   }
-  EXPECT_EQ(writer.cachedNPackets(), 3);
+  EXPECT_EQ(writer.cachedNPackets(), 4);
 }
 
 TEST(MrAvWriter, KeepsTheTimeOfTheLatestPacketInSeconds) {

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <atomic>
+
+namespace meru_test {
+
+/// Every test program is linked with a check of the books of every session that it ends: each account balances, and a
+/// complete output file holds the packets that were counted as written. Set by tests that make the reading of files
+/// fail, or that change them behind the session's back.
+extern std::atomic<bool> leave_files_unread;
+
+}  // namespace meru_test
