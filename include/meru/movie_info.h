@@ -66,6 +66,7 @@ enum MovieStatusCode {
   MERU_STATUS_NO_CONTEXT = 10,    ///< no output context could be made
   MERU_STATUS_OPEN_FAILED = 11,   ///< "Could not open url": folder missing, no permission, server refused ...
   MERU_STATUS_NO_FORMAT = 12,     ///< no container could be guessed from the url
+  MERU_STATUS_BAD_RECORD = 13,    ///< the record cannot be recorded, for the reason that the text gives
   MERU_STATUS_HEADER_FAILED = 21  ///< "error occurred when write header": the container refused the streams
 };
 

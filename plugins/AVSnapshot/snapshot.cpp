@@ -168,6 +168,7 @@ void Snapshot::flush() {
 }
 
 void Snapshot::close() {
+  const std::lock_guard<std::mutex> lock(file_mutex);
   flush();
   fp.reset();
 }
@@ -188,6 +189,7 @@ int Snapshot::static_write_packet(AVFormatContext* oc, AVPacket* pkt) {
 int Snapshot::filter_write_header(AVFormatContext* oc) {
   const int ret = call_write_header(oc);
   if (ret < 0) return ret;
+  const std::lock_guard<std::mutex> lock(file_mutex);
   try {
     if (fp != nullptr) write_stream_lines(oc);
   } catch (const std::bad_alloc&) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <unordered_set>
@@ -47,6 +48,7 @@ class Snapshot {
   void flush_file();
   void flush_if_due(AVFormatContext* oc, const AVPacket* pkt);
 
+  std::mutex file_mutex;  // held by what a start that is abandoned may meet: the stream lines, and the closing
   FilePtr fp;
   LineCache cache;
   int packet_count = 0;

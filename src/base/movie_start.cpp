@@ -10,6 +10,7 @@
 #include "base/stream_url.h"
 #include "common/log_site.h"
 #include "output/cloned_context.h"
+#include "output/distinct_outputs.h"
 #include "output/local_file.h"
 
 extern "C" {
@@ -104,6 +105,7 @@ void MovieMuxer::start_thread_running(MovieInfo info, StartCtx* ctx) {
   m_audio_st = OutputStream();
   m_have_video = m_have_audio = m_encode_video = m_encode_audio = 0;
   m_opt.reset();
+  check_outputs(info);
   make_context(info);
   ctx->has_output = true;
   set_network_options(info);
@@ -116,6 +118,13 @@ void MovieMuxer::start_thread_running(MovieInfo info, StartCtx* ctx) {
   open_snapshot(info);
   write_header(info);
   accept_frames(info, ctx);
+}
+
+/// Two outputs that are one file would destroy each other.
+void MovieMuxer::check_outputs(const MovieInfo& info) {
+  const bool indexed = !MR::isRtspStream(info.url);
+  const std::string shared = MR::shared_file(info.url, indexed ? info.snapshot_path : "", info.other_urls);
+  if (!shared.empty()) throw MR::MRException(shared, MERU_STATUS_BAD_RECORD);
 }
 
 void MovieMuxer::make_context(const MovieInfo& info) {

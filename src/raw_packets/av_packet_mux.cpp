@@ -15,6 +15,10 @@
 #include "base/stream_url.h"
 #include "common/extradata.h"
 #include "common/log_site.h"
+#include "common/no_sigpipe.h"
+#include "output/cloned_context.h"
+#include "output/distinct_outputs.h"
+#include "output/local_file.h"
 #include "raw_packets/copy_loop.h"
 #include "raw_packets/start_codes.h"
 
@@ -110,6 +114,7 @@ void AVPacketMux::keep_text(const char** text) {
 }
 
 void AVPacketMux::worker() {
+  const NoSigpipe no_sigpipe;
   thread_running();
   bool left = false;
   {
@@ -146,14 +151,13 @@ void AVPacketMux::run() {
   if (!open_output() || !open_inputs() || !add_streams()) return;
   av_dump_format(m_out_ctx.get(), 0, MR::public_url(m_info.url).c_str(), 1);
   make_writer();
-  open_snapshot();
-  if (!write_header()) return;
-  m_writer->start();
-  copy_packets();
+  if (!open_snapshot() || !write_header()) return;
+  if (m_gate.pass_last([this] { m_writer->start(); })) copy_packets();
 }
 
 /// Sends away whoever waits in a push first, then closes everything.
 void AVPacketMux::clear() {
+  m_gate.end();
   send_pushes_away();
   drop_writer();
   m_video_ctx.reset();
@@ -187,6 +191,8 @@ bool AVPacketMux::open_output() {
 
 nuv::Expected_<AVFormatContext*> AVPacketMux::make_output() {
   nuv::Expected_<AVFormatContext*> result;
+  const std::string shared = MR::shared_file(m_info.url, m_info.snapshot_path, m_info.other_urls);
+  if (!shared.empty()) return result.set_error(AVERROR(EINVAL), "%s", shared.c_str());
   const AVOutputFormat* format = output_format(m_info);
   if (format == nullptr) {
     return result.set_error(AVERROR_UNKNOWN, "could not find suitable output format: %s", m_info.url);
@@ -196,20 +202,27 @@ nuv::Expected_<AVFormatContext*> AVPacketMux::make_output() {
   int ret = avformat_alloc_output_context2(&made, m_oformat->get(), nullptr, m_info.url);
   FormatContextPtr ctx(made);
   if (ret >= 0) ret = open_io(ctx.get());
+  if (ret < 0 && m_interrupt.too_late()) ret = AVERROR(ETIMEDOUT);
+  m_interrupt.opening_over();
   if (ret >= 0) return result.set_value(ctx.release());
-  if (m_interrupt.too_late()) ret = AVERROR(ETIMEDOUT);
   MR::log_failed_output(0, m_info.url, ret);
   return result.set_error(ret, "could not open output url '%s': %s", m_info.url, AvError(ret).text);
 }
 
+/// A server that lets bytes trickle must not keep the session opening: what is pushed waits meanwhile.
 int AVPacketMux::open_io(AVFormatContext* ctx) {
   ctx->interrupt_callback = m_interrupt.callback();
   if (MR::isRtspStream(m_info.url)) MR::set_rtsp_options(ctx, kLiveTimeoutSec);
-  if ((ctx->oformat->flags & AVFMT_NOFILE) != 0) return 0;
   const Opening opening(this);
-  AVDictionary* options = MR::io_options(m_info.url, kLiveTimeoutSec).release();
-  const int ret = avio_open2(&ctx->pb, m_info.url, AVIO_FLAG_WRITE, &ctx->interrupt_callback, &options);
-  av_dict_free(&options);
+  if (m_network) m_interrupt.limit_opening(int64_t{kLiveTimeoutSec} * 1000000);
+  int ret = AVERROR_EXIT;
+  const auto open = [&] { return (ret = MR::open_io(ctx, m_info.url, kLiveTimeoutSec)) >= 0; };
+  const std::string path = MR::local_path(m_info.url);
+  if (path.empty()) {
+    open();
+  } else {
+    m_gate.pass([&] { m_gate.open_file(path, open, [ctx] { avio_closep(&ctx->pb); }); });
+  }
   return ret;
 }
 
@@ -276,6 +289,7 @@ void AVPacketMux::make_writer() {
   };
   writer->m_status_user = m_relay.get();
   writer->m_live = m_network;
+  writer->m_gate = &m_gate;
   writer->m_io = &m_interrupt;
   writer->m_timeout_sec = kLiveTimeoutSec;
   writer->create_other_writers(urls.data());
@@ -284,21 +298,39 @@ void AVPacketMux::make_writer() {
   if (m_limited) limit_outputs();
 }
 
-void AVPacketMux::open_snapshot() {
-  if (m_info.snapshot_path[0] == '\0') return;
+/// @return false when the session was stopped meanwhile
+bool AVPacketMux::open_snapshot() {
+  if (m_info.snapshot_path[0] == '\0') return true;
   const Opening opening(this);
   m_snapshot = std::make_unique<Snapshot>();
-  if (!m_snapshot->open(m_info.snapshot_path)) {
-    MERU_LOG(2, "启动快照失败: %s", m_info.snapshot_path);
-    return;
+  bool opened = false;
+  const auto open = [&] {
+    opened = m_snapshot->open(m_info.snapshot_path);
+    m_writer->m_indexed = opened && m_snapshot->write_header(m_out_ctx.get());
+    return opened;
+  };
+  const std::string path = MR::local_path(m_info.snapshot_path);
+  if (path.empty()) {
+    open();
+  } else if (!m_gate.pass([&] { m_gate.open_file(path, open, [this] { m_snapshot->close(); }); })) {
+    return false;
   }
-  const bool attached = m_snapshot->write_header(m_out_ctx.get());
-  MERU_LOG(2, "启动快照 (%s): %s", attached ? "success" : "failed", m_info.snapshot_path);
+  if (opened) {
+    MERU_LOG(2, "启动快照 (%s): %s", m_writer->m_indexed ? "success" : "failed", m_info.snapshot_path);
+  } else {
+    MERU_LOG(2, "启动快照失败: %s", m_info.snapshot_path);
+  }
+  return true;
 }
 
 bool AVPacketMux::write_header() {
   const Opening opening(this);  // the further outputs
-  if (m_writer->writeHeader(m_out_ctx.get(), m_info.metadata) == 0) return true;
+  if (m_network) m_interrupt.limit_opening(int64_t{kLiveTimeoutSec} * 1000000);
+  try {
+    if (m_writer->writeHeader(m_out_ctx.get(), m_info.metadata) == 0) return true;
+  } catch (const MR::MRException&) {  // stopped meanwhile
+    return false;
+  }
   return fail(kHeaderFailed, "failed to writing header");
 }
 
@@ -380,7 +412,9 @@ void AVPacketMux::end(AVPacketMux* session) {
   session->end_inputs();
   // Inside a callback this is the worker's own thread, or one that the worker waits for.
   const bool inside = session->m_relay->inside_callback();
-  if (inside || !session->wait_for_worker()) {
+  // What hangs in its opening touches no file any more, unless it has come through just now.
+  const bool hangs = !inside && !session->wait_for_worker() && !session->m_gate.close();
+  if (inside || hangs) {
     session->m_relay->mute();
     session->m_relay->wait_until_quiet();  // but for this thread's own
     if (session->leave_to_worker()) return;

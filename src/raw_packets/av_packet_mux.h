@@ -13,6 +13,7 @@
 #include "common/io_interrupt.h"
 #include "common/status_relay.h"
 #include "meru/raw_packets.h"
+#include "output/start_gate.h"
 #include "raw_packets/expected.h"
 #include "raw_packets/input_buffer.h"
 #include "raw_packets/open_input.h"
@@ -68,7 +69,7 @@ class AVPacketMux {
   bool wants_bare_sound() const;
   void describe_bare_sound();
   void make_writer();
-  void open_snapshot();
+  bool open_snapshot();
   bool write_header();
   void copy_packets();
   void drop_writer();
@@ -95,6 +96,7 @@ class AVPacketMux {
   AVStream* m_video_ost = nullptr;
   AVStream* m_audio_ost = nullptr;
   bool m_bare_sound = false;  // frames of sound are written without their headers
+  MR::StartGate m_gate;       // of the local files that the opening creates
   IoInterrupt m_interrupt;    // of the main output
   bool m_network = false;     // the main output is not a file
 

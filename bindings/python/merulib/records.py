@@ -68,6 +68,7 @@ class StatusCode(IntEnum):
     NO_CONTEXT = 10
     OPEN_FAILED = 11
     NO_FORMAT = 12
+    BAD_RECORD = 13
     HEADER_FAILED = 21
 
 

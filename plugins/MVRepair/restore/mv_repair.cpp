@@ -12,6 +12,7 @@
 #include "common/checked_seeks.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
+#include "common/no_sigpipe.h"
 #include "common/trim.h"
 
 namespace {
@@ -153,6 +154,7 @@ bool MVRepair::is_own_thread() {
 bool MVRepair::work_running(const char* broken, const char* moov, const char* output) {
   running = true;
   const ClearAtEnd clear(&running);
+  const NoSigpipe no_sigpipe;
   try {
     return repair(broken, moov, output);
   } catch (const std::exception& e) {  // no memory
