@@ -145,4 +145,10 @@ const bool g_observed = [] {
 }();
 
 }  // namespace
+
+int64_t video_packets(const std::string& path) {
+  Contents contents;
+  return read_file(path, &contents) ? contents.packets[AVMEDIA_TYPE_VIDEO] : -1;
+}
+
 }  // namespace meru_test

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <string>
 
 namespace meru_test {
 
@@ -8,5 +10,8 @@ namespace meru_test {
 /// complete output file holds the packets that were counted as written. Set by tests that make the reading of files
 /// fail, or that change them behind the session's back.
 extern std::atomic<bool> leave_files_unread;
+
+/// @return how many video packets a file holds; -1 when it cannot be read
+int64_t video_packets(const std::string& path);
 
 }  // namespace meru_test
