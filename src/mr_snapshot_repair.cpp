@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <exception>
 #include <map>
 #include <memory>
@@ -57,8 +56,7 @@ void log_paths(const char* broken, const char* moov, const char* output) {
 /// For what the system refuses before a repair runs: a thread, or memory.
 void report_failure(const char* text, MovieRepairCallback cb, void* user) {
   MERU_LOG(2, "the repair could not be started: %s", text);
-  printf("progress:%.6lf\n", 0.0);
-  fflush(stdout);
+  MVRepair::print_progress(0.0);
   if (cb != nullptr) cb(0.0, MERU_REPAIR_WRITE_FAILED, text, user);
 }
 

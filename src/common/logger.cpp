@@ -2,6 +2,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/c_numbers.h"
 #include "common/guarded.h"
 #include "common/printf_i64.h"
 #include "common/trim.h"
@@ -18,6 +19,7 @@ constexpr int kPrefixSize = 128;
 int clamp_level(int level) { return std::clamp<int>(level, LOG_NONE, LOG_TRACE); }
 
 void format(char* dst, int size, const char* fmt, va_list ap) {
+  const CNumbers c_numbers;
   try {
     vsnprintf(dst, static_cast<size_t>(size), has_i64(fmt) ? expand_i64(fmt).c_str() : fmt, ap);
   } catch (const std::bad_alloc&) {
@@ -95,7 +97,7 @@ const char* Logger::now(const char* fmt) {
 }  // namespace nuv
 
 void MERU_Log_On(const char* path) {
-  const auto open = [path] { return fopen(nuv::str::trim_path(path).c_str(), "a+"); };
+  const auto open = [path] { return fopen(nuv::str::trim_path(path).c_str(), "a+e"); };
   nuv::Logger::instance()->redirect(path != nullptr ? guarded<FILE*>(nullptr, open) : nullptr);
 }
 

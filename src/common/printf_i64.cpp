@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "common/c_numbers.h"
+
 namespace nuv {
 
 namespace {
@@ -29,6 +31,7 @@ std::string expand_i64(const char* fmt) {
 void print_stderr(const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
+  const CNumbers c_numbers;
   try {
     vfprintf(stderr, has_i64(fmt) ? expand_i64(fmt).c_str() : fmt, ap);
   } catch (const std::bad_alloc&) {

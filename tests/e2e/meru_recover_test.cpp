@@ -162,7 +162,7 @@ TEST_F(MeruRecoverTest, DamagedIndexIsToldAndTheOthersAreRepaired) {
 
 TEST_F(MeruRecoverTest, WhatDoesNotPlayIsNotKept) {
   leave_behind("talk.mp4");
-  write_file(video("talk.mp4"), std::string(std::filesystem::file_size(video("talk.mp4")), '\0'));
+  write_file(video("talk.mp4"), std::string(std::filesystem::file_size(video("talk.mp4")), 'x'));
   const ToolRun run = recover();
   EXPECT_EQ(run.status, kFailure);
   EXPECT_NE(run.err.find("cannot be played"), std::string::npos) << run.err;

@@ -137,11 +137,18 @@ TEST_F(MeruRepairTest, EmptyPacketsMakeNoMovie) {
 }
 
 TEST_F(MeruRepairTest, WhatCannotBePlayedIsNoSuccess) {
-  write_file(m_folder.file("zeros.mp4"), std::string(std::filesystem::file_size(m_folder.file("broken.mp4")), '\0'));
-  const ToolRun run = m_folder.run("repair --json zeros.mp4 movie.index out.mp4");
+  write_file(m_folder.file("junk.mp4"), std::string(std::filesystem::file_size(m_folder.file("broken.mp4")), 'x'));
+  const ToolRun run = m_folder.run("repair --json junk.mp4 movie.index out.mp4");
   EXPECT_EQ(run.status, kFailure);
   EXPECT_NE(run.err.find("out.mp4 cannot be played"), std::string::npos) << run.err;
   EXPECT_EQ(nlohmann::json::parse(run.out).at("exit_code"), kFailure);
+}
+
+TEST_F(MeruRepairTest, MovieOfZerosIsNoSuccess) {
+  write_file(m_folder.file("zeros.mp4"), std::string(std::filesystem::file_size(m_folder.file("broken.mp4")), '\0'));
+  const ToolRun run = m_folder.run("repair zeros.mp4 movie.index out.mp4");
+  EXPECT_EQ(run.status, kFailure);
+  EXPECT_NE(run.err.find("no packet could be restored"), std::string::npos) << run.err;
 }
 
 TEST_F(MeruRepairTest, AddressOfAFileIsThatFile) {

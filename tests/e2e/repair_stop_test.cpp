@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 
 #include "support/eventually.h"
 #include "support/meru_tool.h"
@@ -29,6 +30,7 @@ class RepairStopTest : public testing::Test {
   void SetUp() override {
     write_file(broken, "");
     ASSERT_EQ(truncate(broken.c_str(), off_t{kPacketSize} * kPacketsPerLine * kLines + 48), 0);
+    std::ofstream(broken, std::ios::app) << 'x';  // zeros alone would be no movie
     std::string text =
         "## version=2, x\n"
         R"({"type":"video","index":0,"codec":"h264","format":"yuv420p","h":48,"w":64,"tb.num":1,"tb.den":12800,"qv":""})"

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 
@@ -16,7 +17,8 @@ inline void cut_before_table(const std::string& movie, const std::string& broken
   write_file(broken, bytes.substr(0, table - 4));
 }
 
-/// A movie that takes long to repair, sparse, and its index: that of another movie with many packets of one size.
+/// A movie that takes long to repair, sparse, and its index: that of another movie with many packets of one size. Its
+/// last byte is not zero, so that all of it counts as recorded.
 inline void make_long(const std::string& from_index, int packet_size, const std::string& movie,
                       const std::string& index) {
   const std::string text = file_text(from_index);
@@ -27,6 +29,7 @@ inline void make_long(const std::string& from_index, int packet_size, const std:
   write_file(index, body);
   write_file(movie, "x");
   std::filesystem::resize_file(movie, 1LL << 40);
+  std::ofstream(movie, std::ios::binary | std::ios::app) << 'x';
 }
 
 }  // namespace meru_test

@@ -24,7 +24,7 @@ class CutRecording {
     bool no_audio;
   };
 
-  explicit CutRecording(const Kind& kind, int images = 50, int width = 64, int height = 48)
+  explicit CutRecording(const Kind& kind, int images = 50, int width = 64, int height = 48, int fps = 25)
       : whole(m_dir.file(std::string("whole.") + kind.extension)),
         broken(m_dir.file(std::string("broken.") + kind.extension)),
         index(m_dir.file("broken.idx")),
@@ -35,6 +35,7 @@ class CutRecording {
     info.no_audio = kind.no_audio;
     info.width = info.width_src = width;
     info.height = info.height_src = height;
+    info.fps = fps;
     info.tune = TUNE_ZEROLATENCY;
     Host host(info);
     host.push_scene(images, 5 * kUsecPerSec);

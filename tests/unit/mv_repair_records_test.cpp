@@ -79,9 +79,29 @@ TEST_F(RepairRecords, SoundWithoutADurationTakesTheFrameSize) {
   EXPECT_EQ(stream(1).at(1).duration, 300);
 }
 
-TEST_F(RepairRecords, PicturesWithoutADurationHaveNone) {
-  ASSERT_TRUE(run_body(",48,10,,,512,1;,,10,512,,,;\n"));
-  EXPECT_EQ(log.count(4, text_of("restored: packets=2, bytes=20, duration=%.6f", 512 / 12800.0)), 1);
+// What the writer omits is a duration that equals the audio's frame size, of any frame.
+TEST_F(RepairRecords, FramesWithoutADurationLastAsLongAsTheOneBefore) {
+  struct Case {
+    const char* body;
+    int64_t duration;  ///< of the last frame
+  };
+  for (const Case& c : {Case{",48,10,,,512,1;,,10,640,,,;\n", 640}, Case{",48,10,,,512,1;\n,,10,512,,,;\n", 512},
+                        Case{",48,10,12800,,,1;\n", 1024}, Case{",48,10,,,,1;1,,10,,,,1;\n", 1024},
+                        Case{",48,10,,,512,1;99,,10,,,,;,,10,640,,,;\n,,10,640,,,;\n", 640}}) {
+    ASSERT_TRUE(run_body(c.body));
+    EXPECT_EQ(stream(0).back().duration, c.duration) << c.body;
+  }
+  ASSERT_TRUE(run("# version=2\n" + std::string(kIndexVideo) + ",48,10,,,,1;"));
+  EXPECT_EQ(log.count(4, "restored: packets=1, bytes=10, duration=0.000000"), 1);
+}
+
+TEST_F(RepairRecords, FrameDurationsOfHostileTimesDoNotStopTheRepair) {
+  std::string body = ",48,10,,,512,1;\n";
+  for (const char* delta : {"9223372036854775807", "-9223372036854775808", "-1", "1"}) {
+    body += std::string(",,1,") + delta + "," + delta + ",,;\n,,1,1," + delta + ",,;\n";
+  }
+  EXPECT_TRUE(run_body(body));
+  EXPECT_EQ(restored().at(0), bytes(48, 10));
 }
 
 TEST_F(RepairRecords, TimesAreConvertedToTheNewMoviesTimeBase) {
@@ -143,6 +163,56 @@ TEST_F(RepairRecords, MovieThatEndsBeforeItsIndexGivesWhatItHas) {
   EXPECT_EQ(begins(2, ">> 损坏视频已经读取到末尾了"), 1);
   EXPECT_EQ(log.count(2, ">> 执行完成 1.000000, （忽略索引: [1 ~ 3) 共2行）"), 1);
   EXPECT_EQ(reports(), (std::vector<RepairReport>{{1.0, 0, ""}}));
+}
+
+// What a loss of power leaves: the size is there, the data is not.
+TEST_F(RepairRecords, ZerosAtTheEndAreNotTheMovie) {
+  const std::string body = ",48,30,,,512,1;,,30,512,,512,;,,5,512,,512,;\n,,1,512,,512,;\n,,1,512,,512,;\n";
+  int repairs = 0;
+  for (const size_t zeros : {1U, 8U, 4095U, 4096U, 300000U}) {
+    ++repairs;
+    write_file(broken, made_bytes(100) + std::string(zeros, '\0'));
+    ASSERT_TRUE(run_body(body));
+    EXPECT_EQ(restored(), Data{bytes(48, 30)});
+    EXPECT_EQ(log.count(2, "读取packet数据 22 < 30(需求)，该行索引处理结束 (eof=1, fpos=100) err_code=0"), repairs);
+    EXPECT_EQ(log.count(2, ">> 执行完成 1.000000, （忽略索引: [1 ~ 3) 共2行）"), repairs) << zeros;
+  }
+}
+
+TEST_F(RepairRecords, PacketMayEndBeforeTheZeros) {
+  write_file(broken, made_bytes(78) + std::string(1000, '\0'));
+  ASSERT_TRUE(run_body(",48,30,,,512,1;\n"));
+  EXPECT_EQ(restored(), Data{bytes(48, 30)});
+  EXPECT_EQ(log.count(2, ">> 执行完成 1.000000, （忽略索引: [0 ~ 0) 共0行）"), 1);
+}
+
+TEST_F(RepairRecords, ZerosBeforeTheEndAreContent) {
+  write_file(broken, made_bytes(48) + std::string(30, '\0') + "x");
+  ASSERT_TRUE(run_body(",48,30,,,512,1;\n"));
+  EXPECT_EQ(restored(), Data{std::string(30, '\0')});
+}
+
+TEST_F(RepairRecords, MovieOfZerosGivesAnEmptyMovie) {
+  write_file(broken, std::string(5000, '\0'));
+  ASSERT_TRUE(run_body(",48,30,,,512,1;\n,,30,512,,512,;\n"));
+  EXPECT_EQ(restored().size(), 0U);
+  EXPECT_EQ(log.count(2, ">> 执行完成 1.000000, （忽略索引: [1 ~ 2) 共1行）"), 1);
+}
+
+// A silent recording is one of zeros.
+TEST_F(RepairRecords, SilenceInPcmIsContent) {
+  const std::string pcm =
+      R"({"type":"audio","index":0,"codec":"pcm_s16le","format":"s16","channels":2,"frame_size":0,"sample_rate":48000,)"
+      R"("tb.num":1,"tb.den":48000,"qv":""})";
+  write_file(broken, made_bytes(44) + std::string(8000, '\0'));
+  output = dir.file("whole.wav");
+  ASSERT_TRUE(run("# version=2\n" + pcm + "\n,44,4000,,,1000,1;,,4000,1000,,1000,1;\n"));
+  EXPECT_EQ(log.count(4, text_of("restored: packets=2, bytes=8000, duration=%.6f", 2000 / 48000.0)), 1);
+}
+
+TEST_F(RepairRecords, ZerosAtTheEndOfTheIndexAreNoRecords) {
+  ASSERT_TRUE(run_body(",48,10,,,512,1;,,20,51" + std::string(20000, '\0')));
+  EXPECT_EQ(restored(), Data{bytes(48, 10)});
 }
 
 TEST_F(RepairRecords, LinesBeyondTheEndOfTheMovieAreAllPassedOver) {

@@ -1,14 +1,13 @@
 #include "MVRepair/restore/mv_repair.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <system_error>
 #include <utility>
 
-#include "MVRepair/restore/regular_file.h"
 #include "MVRepair/restore/repair_output.h"
+#include "common/c_numbers.h"
 #include "common/checked_seeks.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
@@ -30,13 +29,15 @@ constexpr int kWriteFailed = -10;
 /// Sums of damaged records may be anything: they wrap.
 int64_t add(int64_t a, int64_t b) { return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b)); }
 
+int64_t subtract(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
 std::string trimmed(const char* path) { return path != nullptr ? nuv::str::trim_path(path) : std::string(); }
 
-FilePtr open_movie(const std::string& path, int64_t* size) {
-  FilePtr file = open_regular_file(path, "rb");
-  if (file == nullptr || fseeko(file.get(), 0, SEEK_END) != 0) return nullptr;
-  *size = ftello(file.get());
-  return *size >= 0 && fseeko(file.get(), 0, SEEK_SET) == 0 ? std::move(file) : nullptr;
+/// Bytes of an encoder end with a bit that is set. PCM silence does not, and ends no movie.
+bool may_end_with_zeros(const MVHeader& header) {
+  return !header.video_extradata && header.audio_codec.rfind("pcm_", 0) == 0;
 }
 
 bool is_audio(const PacketRecord& record, const MVHeader& header) {
@@ -46,6 +47,7 @@ bool is_audio(const PacketRecord& record, const MVHeader& header) {
 /// A time stamp in seconds, as FFmpeg's tools print it.
 std::string time_text(int64_t value, AVRational tb) {
   if (value == AV_NOPTS_VALUE) return "NOPTS";
+  const nuv::CNumbers c_numbers;
   char text[32];
   snprintf(text, sizeof(text), "%.6g", av_q2d(tb) * static_cast<double>(value));
   return text;
@@ -93,6 +95,7 @@ std::thread MVRepair::take_thread() {
 }
 
 void MVRepair::print_progress(double progress) {
+  const nuv::CNumbers c_numbers;
   printf("progress:%.6lf\n", progress);
   fflush(stdout);
 }
@@ -166,8 +169,8 @@ bool MVRepair::work_running(const char* broken, const char* moov, const char* ou
 
 bool MVRepair::repair(const char* broken, const char* moov, const char* output) {
   const std::string broken_path = trimmed(broken);
-  const FilePtr movie = open_movie(broken_path, &movie_size);
-  if (movie == nullptr) {
+  BrokenMovie movie;
+  if (!movie.open(broken_path)) {
     MERU_LOG(2, "无法打开mdata文件: %s", broken != nullptr ? broken : "");
     on_progress(0.0, kNoMovie, "cannot open broken_file...");
     return false;
@@ -177,7 +180,8 @@ bool MVRepair::repair(const char* broken, const char* moov, const char* output) 
     on_progress(0.0, kNoIndex, "parse moov file failed ...");
     return false;
   }
-  const int ret = rebuild(output, broken_path, trimmed(moov), movie.get(), parser);
+  if (!may_end_with_zeros(parser.get_header())) movie.ignore_zero_tail();
+  const int ret = rebuild(output, broken_path, trimmed(moov), &movie, parser);
   if (ret >= 0 || ret == AVERROR_EOF) return true;
   MERU_LOG(2, "Error occurred(%d): %s", ret, AvError(ret).text);
   on_progress(parser.progress(), kWriteFailed, AvError(ret).text);
@@ -185,27 +189,27 @@ bool MVRepair::repair(const char* broken, const char* moov, const char* output) 
 }
 
 /// @return 0 or FFmpeg's negative error
-int MVRepair::rebuild(const char* output, const std::string& broken_path, const std::string& moov, FILE* broken,
+int MVRepair::rebuild(const char* output, const std::string& broken_path, const std::string& moov, BrokenMovie* broken,
                       MoovParser& parser) {
   if (packet == nullptr) return AVERROR(ENOMEM);
   OutputPtr out;
   int ret = open_repair_output(output, broken_path, moov, parser.get_header(), &out);
   if (ret < 0) return ret;
   totals = Totals();
-  audio_pts = audio_dts = video_pts = video_dts = 0;
+  audio_pts = audio_dts = video_pts = video_dts = video_step = 0;
+  video_begun = false;
   failure = 0;
-  lost_place = false;
   RoomAhead room(out.get());
   restore_packages(out.get(), broken, parser, &room);
   CheckedSeeks checked(out->pb);
   ret = av_write_trailer(out.get());
-  if (ret >= 0) ret = failure;
+  if (ret >= 0) ret = failure != 0 ? failure : broken->error();
   MERU_LOG(4, "restored: packets=%lld, bytes=%lld, duration=%.6f", static_cast<long long>(totals.packets),
            static_cast<long long>(totals.bytes), totals.duration_sec);
   return ret;
 }
 
-bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser, RoomAhead* room) {
+bool MVRepair::restore_packages(AVFormatContext* out, BrokenMovie* broken, MoovParser& parser, RoomAhead* room) {
   int lines = 0;
   int ignored = 0;
   int first_ignored = 0;
@@ -214,7 +218,7 @@ bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& 
       MERU_LOG(2, "repair aborted .");
       break;
     }
-    if (feof(broken) != 0) {
+    if (broken->ended()) {
       if (ignored++ == 0) {
         MERU_LOG(2, ">> 损坏视频已经读取到末尾了,第一个忽略行 ========> %s", line);
         first_ignored = lines;
@@ -223,7 +227,7 @@ bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& 
     }
     remux_packets(line, broken, out, parser);
     room->follow();
-    if (lost_place) break;
+    if (broken->lost_position()) break;
     if ((lines + 1) % kLinesPerReport == 0) on_progress(parser.progress(), 0, "");
   }
   if (parser.unreadable()) failure = AVERROR(EIO);
@@ -236,7 +240,7 @@ bool MVRepair::restore_packages(AVFormatContext* out, FILE* broken, MoovParser& 
 
 /// Restores the packets of one line. At a record that cannot be restored the rest of the line is passed over, keeping
 /// count of its bytes and times, since the following lines continue from them.
-void MVRepair::remux_packets(const char* line, FILE* broken, AVFormatContext* out, const MoovParser& parser) {
+void MVRepair::remux_packets(const char* line, BrokenMovie* broken, AVFormatContext* out, const MoovParser& parser) {
   const MVHeader& header = parser.get_header();
   if (header.version != 1 && header.version != 2) {
     printf("[ERROR] version=%d, parse failed\n", header.version);
@@ -258,12 +262,13 @@ void MVRepair::remux_packets(const char* line, FILE* broken, AVFormatContext* ou
   if (records.damaged() != nullptr) {
     MERU_LOG(2, "no record can be read in line %d: %s", parser.line_number(), records.damaged());
   }
-  if (feof(broken) != 0 || lost_place) return;
+  if (broken->ended() || broken->lost_position()) return;
   while (records.next(&record)) pass_over(record, broken, header);
 }
 
 /// Makes the packet of a record: its bytes, and its times in the output's time base.
-bool MVRepair::restore_packet(const PacketRecord& record, FILE* broken, AVFormatContext* out, const MVHeader& header) {
+bool MVRepair::restore_packet(const PacketRecord& record, BrokenMovie* broken, AVFormatContext* out,
+                              const MVHeader& header) {
   const AVStream* st = out->streams[record.stream_index];
   const bool audio = is_audio(record, header);
   follow(record, header);
@@ -272,7 +277,7 @@ bool MVRepair::restore_packet(const PacketRecord& record, FILE* broken, AVFormat
   const bool sound = st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
   const AVRational tb = sound ? AVRational{header.audio_tb_num, header.audio_tb_den}
                               : AVRational{header.video_tb_num, header.video_tb_den};
-  const int64_t duration = audio && record.duration == 0 ? st->codecpar->frame_size : record.duration;
+  const int64_t duration = duration_of(record, st, header);
   meru_compat::init_packet(packet.get());
   packet->data = buffer.get();
   packet->size = record.size;
@@ -304,47 +309,39 @@ bool MVRepair::write(const PacketRecord& record, AVFormatContext* out, const Moo
   return false;
 }
 
+/// The duration of the record that follow() was called for last. An index also omits a video packet's when it is the
+/// same number as the frame size of the audio packet after it, and the last frame would not be shown without one.
+int64_t MVRepair::duration_of(const PacketRecord& record, const AVStream* st, const MVHeader& header) {
+  if (record.duration != 0) return record.duration;
+  if (is_audio(record, header)) return st->codecpar->frame_size;
+  if (video_step != 0) return std::max<int64_t>(video_step, 0);
+  return header.audio_extradata ? header.frame_size : 0;
+}
+
 /// Brings the last time stamps of the record's kind to this record.
 void MVRepair::follow(const PacketRecord& record, const MVHeader& header) {
-  int64_t& pts = is_audio(record, header) ? audio_pts : video_pts;
-  int64_t& dts = is_audio(record, header) ? audio_dts : video_dts;
+  const bool audio = is_audio(record, header);
+  int64_t& pts = audio ? audio_pts : video_pts;
+  int64_t& dts = audio ? audio_dts : video_dts;
+  const int64_t previous = dts;
   pts = add(pts, record.pts_delta);
   dts = record.dts_delta != 0 ? add(dts, record.dts_delta) : pts;
+  if (audio) return;
+  video_step = video_begun ? subtract(dts, previous) : 0;
+  video_begun = true;
 }
 
-void MVRepair::pass_over(const PacketRecord& record, FILE* broken, const MVHeader& header) {
+void MVRepair::pass_over(const PacketRecord& record, BrokenMovie* broken, const MVHeader& header) {
   follow(record, header);
-  if (record.position != 0) go_to(broken, record.position);
-  if (record.size > 0) skip(broken, record.size);
-}
-
-/// Goes to a position, which may lie behind the end. @return false for one that no file has
-bool MVRepair::go_to(FILE* file, int64_t position) {
-  if (position < 0) return false;
-  // File systems differ in how far behind the end one may go, and in what reading there says.
-  constexpr int64_t kFarthest = INT64_MAX / 2;
-  if (fseeko(file, std::min(position, kFarthest), SEEK_SET) == 0) return true;
-  note_lost_place();
-  fseeko(file, 0, SEEK_END);
-  return true;
-}
-
-void MVRepair::skip(FILE* file, int64_t count) {
-  if (fseeko(file, count, SEEK_CUR) != 0) note_lost_place();
-}
-
-/// Behind a seek that failed for another reason than its target nobody knows where the next packet's bytes are.
-void MVRepair::note_lost_place() {
-  if (errno == EINVAL || errno == EOVERFLOW) return;
-  failure = AVERROR(errno);
-  lost_place = true;
+  if (record.position != 0) broken->go_to(record.position);
+  if (record.size > 0) broken->skip(record.size);
 }
 
 /// Goes to where the record's bytes begin, if any file can have them.
-bool MVRepair::seek_to(const PacketRecord& record, FILE* broken) {
+bool MVRepair::seek_to(const PacketRecord& record, BrokenMovie* broken) {
   if (record.position != 0) {
     MERU_LOG(5, "packet数据 seek fpos=%lld", static_cast<long long>(record.position));
-    if (!go_to(broken, record.position)) {
+    if (!broken->go_to(record.position)) {
       MERU_LOG(2, "no packet can be at %lld of the movie", static_cast<long long>(record.position));
       return false;
     }
@@ -355,22 +352,17 @@ bool MVRepair::seek_to(const PacketRecord& record, FILE* broken) {
 }
 
 /// Reads the record's bytes into the buffer, which never grows beyond what the movie holds.
-bool MVRepair::read_bytes(const PacketRecord& record, FILE* broken) {
+bool MVRepair::read_bytes(const PacketRecord& record, BrokenMovie* broken) {
   const bool found = seek_to(record, broken);
-  if (lost_place) return false;
-  // One byte more than there is, so that the end of the file is noticed.
-  const int64_t left = std::max<int64_t>(movie_size - ftello(broken), 0) + 1;
-  const int ask = static_cast<int>(std::min<int64_t>(record.size, left));
-  if (!found || !grow_buffer(ask)) {
-    if (record.size > 0) skip(broken, record.size);  // where the next record's bytes begin
+  if (broken->lost_position()) return false;
+  if (!found || !grow_buffer(broken->readable(record.size))) {
+    if (record.size > 0) broken->skip(record.size);  // where the next record's bytes begin
     return false;
   }
-  const int got = static_cast<int>(fread(buffer.get(), 1, static_cast<size_t>(ask), broken));
+  const int got = broken->read(buffer.get(), record.size);
   if (got < record.size) {
     MERU_LOG(2, "读取packet数据 %d < %d(需求)，该行索引处理结束 (eof=%d, fpos=%lld) err_code=%d", got, record.size,
-             feof(broken), static_cast<long long>(ftello(broken)), ferror(broken));
-    if (ferror(broken) != 0) failure = AVERROR(EIO);
-    if (feof(broken) == 0) skip(broken, record.size - got);  // unreadable, or the movie has just grown
+             broken->ended() ? 1 : 0, static_cast<long long>(broken->position()), broken->read_failed() ? 1 : 0);
     return false;
   }
   memset(buffer.get() + got, 0, AV_INPUT_BUFFER_PADDING_SIZE);

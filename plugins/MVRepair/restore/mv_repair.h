@@ -2,13 +2,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 
+#include "MVRepair/restore/broken_movie.h"
 #include "MVRepair/restore/moov_parser.h"
 #include "MVRepair/restore/packet_record.h"
 #include "common/ffmpeg_handles.h"
@@ -39,6 +39,9 @@ class MVRepair : public std::enable_shared_from_this<MVRepair> {
   void stop();
   bool is_running() const { return running; }
 
+  /// The line on standard output that precedes each report.
+  static void print_progress(double progress);
+
   /// The whole repair; a null path is one that cannot be used. @return true also when FFmpeg ended with end of file
   bool work_running(const char* broken, const char* moov, const char* output);
 
@@ -51,29 +54,28 @@ class MVRepair : public std::enable_shared_from_this<MVRepair> {
   };
 
   bool repair(const char* broken, const char* moov, const char* output);
-  static void print_progress(double progress);
   std::thread take_thread();
   bool is_own_thread();
   void on_progress(double progress, int code, const char* msg);
-  int rebuild(const char* output, const std::string& broken_path, const std::string& moov, FILE* broken,
+  int rebuild(const char* output, const std::string& broken_path, const std::string& moov, BrokenMovie* broken,
               MoovParser& parser);
-  bool restore_packages(AVFormatContext* out, FILE* broken, MoovParser& parser, RoomAhead* room);
-  void remux_packets(const char* line, FILE* broken, AVFormatContext* out, const MoovParser& parser);
-  bool restore_packet(const PacketRecord& record, FILE* broken, AVFormatContext* out, const MVHeader& header);
+  bool restore_packages(AVFormatContext* out, BrokenMovie* broken, MoovParser& parser, RoomAhead* room);
+  void remux_packets(const char* line, BrokenMovie* broken, AVFormatContext* out, const MoovParser& parser);
+  bool restore_packet(const PacketRecord& record, BrokenMovie* broken, AVFormatContext* out, const MVHeader& header);
   bool write(const PacketRecord& record, AVFormatContext* out, const MoovParser& parser, const char* rest);
+  int64_t duration_of(const PacketRecord& record, const AVStream* st, const MVHeader& header);
   void follow(const PacketRecord& record, const MVHeader& header);
-  void pass_over(const PacketRecord& record, FILE* broken, const MVHeader& header);
-  bool go_to(FILE* file, int64_t position);
-  void skip(FILE* file, int64_t count);
-  void note_lost_place();
-  bool seek_to(const PacketRecord& record, FILE* broken);
-  bool read_bytes(const PacketRecord& record, FILE* broken);
+  void pass_over(const PacketRecord& record, BrokenMovie* broken, const MVHeader& header);
+  static bool seek_to(const PacketRecord& record, BrokenMovie* broken);
+  bool read_bytes(const PacketRecord& record, BrokenMovie* broken);
   bool grow_buffer(int size);
 
   int64_t audio_pts = 0;
   int64_t audio_dts = 0;
   int64_t video_pts = 0;
   int64_t video_dts = 0;
+  int64_t video_step = 0;  // from the last video dts but one to the last; 0 when there are no two
+  bool video_begun = false;
   std::unique_ptr<uint8_t, FreeWith<av_free>> buffer;
   int buffer_size = 0;
   Callback callback;
@@ -82,9 +84,7 @@ class MVRepair : public std::enable_shared_from_this<MVRepair> {
   std::atomic<bool> aborted{false};
   std::atomic<bool> running{false};
   std::atomic<bool> silent{false};  // stopped from inside the callback: the host is told no more
-  int64_t movie_size = 0;           // bytes of the broken movie
   PacketPtr packet;
   Totals totals;
-  int failure = 0;          // of the system, as opposed to damage: the movie is completed, and not called whole
-  bool lost_place = false;  // what is read from the broken movie would be anything
+  int failure = 0;  // of the system, as opposed to damage: the movie is completed, and not called whole
 };
