@@ -128,7 +128,8 @@ bool Snapshot::open(const char* path) {
     MERU_LOG(2, "already opened !");
     return false;
   }
-  fp.reset(fopen(path, "wt"));
+  // "e": a program that the host starts would keep the index open, and in use, after the host has ended.
+  fp.reset(fopen(path, "wte"));
   if (fp == nullptr) fp.reset(meru_compat::fopen_utf8(path, "wt"));
   return fp != nullptr;
 }

@@ -227,9 +227,10 @@ FILE* fopen_utf8(const char* path, const char* mode) {
   // It refuses any letter but those of the standard that change something on every platform: "t" is not among them.
   std::string known = mode;
   known.erase(std::remove(known.begin(), known.end(), 't'), known.end());
-  return av_fopen_utf8(path, known.c_str());
+  return av_fopen_utf8(path, known.c_str());  // sets close-on-exec by itself
 #else
-  return fopen(path, mode);  // the platforms of the newer versions take UTF-8 paths as they are
+  // The platforms of the newer versions take UTF-8 paths as they are.
+  return fopen(path, (std::string(mode) + "e").c_str());
 #endif
 }
 

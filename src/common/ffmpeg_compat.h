@@ -66,7 +66,7 @@ void init_packet(AVPacket* packet);
 /// Gives a picture without a duration that of the stream's frame rate, when the stream names one. The muxers of the
 /// newer versions do so themselves; movies and side indexes are to be the same with the older ones.
 void complete_duration(const AVStream* st, AVPacket* packet);
-/// fopen for a UTF-8 path on every platform.
+/// fopen for a UTF-8 path on every platform. No program that the host starts inherits the descriptor.
 FILE* fopen_utf8(const char* path, const char* mode);
 /// Whether the encoders of H.263's family fail at pictures that are too plain for a minimum rate.
 bool minimum_rate_loses_pictures();

@@ -52,6 +52,7 @@ ByteSource::ByteSource(const std::string& path)
   if (pipe(wake) != 0) throw Failure("cannot make a pipe: " + error_text(errno));
   m_wake_read = Fd(wake[0]);
   m_wake_write = Fd(wake[1]);
+  for (const int fd : wake) fcntl(fd, F_SETFD, FD_CLOEXEC);
 #ifdef F_SETPIPE_SZ
   // An image is megabytes, and a pipe holds 64 KiB unless told otherwise. Refused for what is not a pipe.
   if (S_ISFIFO(st.st_mode)) fcntl(m_fd.get(), F_SETPIPE_SZ, kPipeBytes);
