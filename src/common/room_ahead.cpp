@@ -79,7 +79,10 @@ bool RoomAhead::open_again() {
 /// What is set aside must not be missing elsewhere: to the side index, or to another output.
 bool RoomAhead::disk_has_plenty() const {
   struct statvfs disk = {};
-  return fstatvfs(m_fd, &disk) == 0 && disk.f_bavail >= static_cast<uint64_t>(kPlenty) / disk.f_frsize;
+  if (fstatvfs(m_fd, &disk) != 0) return false;
+  // What f_bavail counts; some file systems leave one of the two at 0.
+  const uint64_t block = disk.f_frsize != 0 ? disk.f_frsize : disk.f_bsize;
+  return block != 0 && disk.f_bavail >= static_cast<uint64_t>(kPlenty) / block;
 }
 
 void RoomAhead::set_aside(int64_t written) {

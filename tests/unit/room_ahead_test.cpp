@@ -1,8 +1,10 @@
 #include "common/room_ahead.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,6 +16,21 @@
 #include "support/process_counts.h"
 #include "support/small_disk.h"
 #include "support/temp_dir.h"
+
+namespace {
+
+/// What the disk answers, when it is not the truth.
+void (*g_disk_says)(struct statvfs* disk) = nullptr;
+
+}  // namespace
+
+/// Found before that of the C library.
+extern "C" int fstatvfs(int fd, struct statvfs* disk) noexcept {
+  static const auto real = reinterpret_cast<int (*)(int, struct statvfs*)>(dlsym(RTLD_NEXT, "fstatvfs"));
+  const int ret = real(fd, disk);
+  if (ret == 0 && g_disk_says != nullptr) g_disk_says(disk);
+  return ret;
+}
 
 namespace {
 
@@ -91,6 +108,38 @@ TEST_F(RoomAheadTest, IsSetAsideWhileTheFileGrowsAndGivenBack) {
   expect_content(m_path, 100);
   EXPECT_EQ(ProcessCounts::now(), m_before);
 }
+
+struct DiskCase {
+  const char* name;
+  void (*says)(struct statvfs* disk);
+  bool set_aside;
+};
+
+class RoomAheadDisk : public RoomAheadTest, public testing::WithParamInterface<DiskCase> {
+ protected:
+  ~RoomAheadDisk() override { g_disk_says = nullptr; }
+};
+
+TEST_P(RoomAheadDisk, MayLeaveItsBlockSizeOut) {
+  if (!sets_room_aside(m_dir.file("try"))) GTEST_SKIP() << "this file system sets no room aside";
+  Output output(m_path);
+  g_disk_says = GetParam().says;
+  RoomAhead room(output.format());
+  output.write(40, &room);
+  EXPECT_EQ(room_of(m_path) >= 56 * kMiB, GetParam().set_aside) << room_of(m_path);
+  EXPECT_EQ(output.error(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, RoomAheadDisk,
+    testing::Values(
+        DiskCase{"Both", [](struct statvfs* d) { d->f_bavail = 1 << 20, d->f_frsize = d->f_bsize = 4096; }, true},
+        DiskCase{"NoFragmentSize", [](struct statvfs* d) { d->f_bavail = 1 << 20, d->f_frsize = 0, d->f_bsize = 4096; },
+                 true},
+        DiskCase{"NeitherSize", [](struct statvfs* d) { d->f_frsize = d->f_bsize = 0; }, false},
+
+        DiskCase{"NothingLeft", [](struct statvfs* d) { d->f_bavail = 0; }, false}),
+    [](const auto& test) { return test.param.name; });
 
 TEST_F(RoomAheadTest, SmallFileIsLeftAlone) {
   Output output("file:" + m_path);
