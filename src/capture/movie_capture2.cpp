@@ -1,5 +1,8 @@
 #include "capture/movie_capture2.h"
 
+#include <cstring>
+#include <initializer_list>
+
 #include "base/base_writer.h"
 #include "common/clock.h"
 #include "common/log_site.h"
@@ -11,6 +14,13 @@ extern "C" {
 namespace {
 
 constexpr AVRational kUsec{1, 1000000};
+
+/// A host may have put any byte there. To read one other than 0 and 1 as a bool is undefined.
+void normalise(bool* flag) {
+  unsigned char byte = 0;
+  std::memcpy(&byte, flag, sizeof(byte));
+  *flag = byte != 0;
+}
 
 double to_sec(int64_t usec) { return static_cast<double>(usec) / 1e6; }
 
@@ -30,6 +40,7 @@ int MovieCapture2::start(MovieInfo info, MovieStatusCallback cb, void* user, boo
   info.url[sizeof(info.url) - 1] = '\0';
   info.snapshot_path[sizeof(info.snapshot_path) - 1] = '\0';
   info.metadata[sizeof(info.metadata) - 1] = '\0';
+  for (bool* flag : {&info.no_audio, &info.no_video, &info.use_hardware}) normalise(flag);
   m_start_ok = false;
   m_relay = std::make_shared<StatusRelay>(cb, user, [this](int id, const char* text) { note_status(id, text); });
   m_last_audio_pts = 0;
