@@ -16,8 +16,6 @@ extern "C" {
 namespace {
 
 constexpr size_t kLineLimit = 960;
-// Below half a second, since the packet that finds the flush due comes up to a packet's duration later.
-constexpr int64_t kFlushIntervalUsec = 400000;
 constexpr char kAddress[] = "merulib.invalid/index";
 
 int64_t steady_usec() {
@@ -266,16 +264,16 @@ void Snapshot::remember(const AVPacket* pkt, int64_t pos) {
   dts = pkt->dts;
 }
 
-/// Brings the movie and the index to the operating system twice a second, by the clock and by the time stamps, so that
-/// a killed process costs no more than half a second of the recording, also when packets come in a burst behind a
-/// delay. The movie comes first: an index must not name bytes that are not there. The line is not ended, so the
-/// finished file is the same as without.
+/// Brings the movie and the index to the operating system twice a second or more often, by the clock and by the
+/// timestamps, so that a killed process costs no more than half a second of the packets, also when they come in a burst
+/// after a delay. What an encoder holds then is lost as well. The movie comes first: an index must not name bytes that
+/// are not there. The line is not ended, so the finished file is the same as without.
 void Snapshot::flush_if_due(AVFormatContext* oc, const AVPacket* pkt) {
   const int64_t now = steady_usec();
   const int64_t media = media_usec(oc, pkt, last_flush_media_usec);
   const int64_t moved = delta(media, last_flush_media_usec);
   const bool due =
-      now - last_flush_usec >= kFlushIntervalUsec || moved >= kFlushIntervalUsec || moved <= -kFlushIntervalUsec;
+      now - last_flush_usec >= flush_interval_usec || moved >= flush_interval_usec || moved <= -flush_interval_usec;
   if (!due) return;
   last_flush_usec = now;
   last_flush_media_usec = media;

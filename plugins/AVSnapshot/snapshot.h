@@ -27,6 +27,8 @@ class Snapshot {
   /// Installs the hooks on `oc`, which must have its I/O open and its header not yet written. The index's own header is
   /// written when the muxer writes its. @return whether the output is indexed from now on
   bool write_header(AVFormatContext* oc);
+  /// How much of the recording at most is kept from the operating system.
+  void flush_every(int64_t usec) { flush_interval_usec = usec; }
   /// Writes the finished records to the file, without ending the line.
   void flush();
   void close();
@@ -65,7 +67,9 @@ class Snapshot {
   int64_t video_dts = 0;
   int video_index = -1;
   int audio_index = -1;
-  size_t cache_written = 0;     // characters of the cache that are in the file already
+  size_t cache_written = 0;  // characters of the cache that are in the file already
+  // Below half a second, since the packet that finds the flush due comes up to a packet's duration later.
+  int64_t flush_interval_usec = 400000;
   int64_t last_flush_usec = 0;  // steady clock
   int64_t last_flush_media_usec = 0;
 };

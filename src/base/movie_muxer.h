@@ -51,6 +51,10 @@ class MovieMuxer : public MovieBase {
   /// then closes what it opened. @return 1
   int stop();
 
+  /// Before the start: with a side index, a killed process is to lose little more than this much of what was pushed,
+  /// whatever the preset and the frame rate. 0, as without a call, leaves the encoder its delay.
+  void limit_encoder_delay(int64_t usec) { m_delay_limit_usec = usec; }
+
   /// Hands the muxer's destruction to a start routine that stop() has found running.
   /// @return false when there is none, or it has ended meanwhile; `destroy` is not kept then
   bool leave_to_start(std::function<void()> destroy);
@@ -133,10 +137,14 @@ class MovieMuxer : public MovieBase {
   std::atomic<bool> m_blocked{true};
   std::atomic<int64_t> m_last_v_pts{-1};
   std::atomic<int64_t> m_last_a_pts{-1};
+  int64_t m_delay_limit_usec = 0;
   bool m_network = false;  // an output is a live stream, so FFmpeg's networking is in use
   std::shared_ptr<StartCtx> m_start_ctx;
   std::unique_ptr<Snapshot> m_snapshot;
 };
+
+/// Whether a side index is asked for, and can be had.
+bool has_side_index(const MovieInfo& info);
 
 /// The container for an output: "flv" for RTMP, "rtsp" for RTSP, else what the file name says, else "mp4". A private
 /// copy, because the start changes its default codecs. Throws MR::MRException (12) when there is none.

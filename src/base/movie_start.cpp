@@ -23,6 +23,7 @@ extern "C" {
 namespace {
 
 constexpr int64_t kRtspInterleaveUsec = 1000000;
+constexpr int64_t kLimitedFlushUsec = 100000;
 
 /// The further outputs as a list that always ends in a null, which the record has no room for when all four are used.
 std::array<const char*, 5> other_urls(const MovieInfo& info) {
@@ -209,9 +210,12 @@ void MovieMuxer::open_io(const MovieInfo& info) {
   throw MR::MRException("Could not open url", MERU_STATUS_OPEN_FAILED);
 }
 
+bool has_side_index(const MovieInfo& info) { return !MR::isRtspStream(info.url) && info.snapshot_path[0] != '\0'; }
+
 void MovieMuxer::open_snapshot(const MovieInfo& info) {
-  if (MR::isRtspStream(info.url) || info.snapshot_path[0] == '\0') return;
+  if (!has_side_index(info)) return;
   m_snapshot = std::make_unique<Snapshot>();
+  if (m_delay_limit_usec > 0) m_snapshot->flush_every(kLimitedFlushUsec);
   bool opened = false;
   const auto open = [&] {
     opened = m_snapshot->open(info.snapshot_path);

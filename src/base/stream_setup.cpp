@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/encoder_limit.h"
 #include "base/hardware_enc.h"
 #include "base/movie_muxer.h"
 #include "base/presets.h"
@@ -225,4 +226,7 @@ void MovieMuxer::add_stream(OutputStream* ost, AVFormatContext* oc, const AVCode
   if (wants_global_header(oc, *info)) ost->enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   fastRealTime(ost->enc.get(), static_cast<Quality_Level>(info->preset), static_cast<Profile_Level>(info->profile),
                static_cast<Tune_Level>(info->tune));
+  if (m_delay_limit_usec > 0 && has_side_index(*info) && choice.codec->type == AVMEDIA_TYPE_VIDEO) {
+    limit_held_frames(ost->enc.get(), frames_within(m_delay_limit_usec, ost->enc->framerate));
+  }
 }

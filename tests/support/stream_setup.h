@@ -58,6 +58,7 @@ class StreamSetup {
     m_muxer.add_stream(&m_stream, m_oc.get(), &m_codec, codec_id, info);
   }
 
+  MovieMuxer* muxer() { return &m_muxer; }
   AVCodecContext* enc() const { return m_stream.enc.get(); }
   const AVCodec* codec() const { return m_codec; }
   AVStream* stream() const { return m_stream.st; }
