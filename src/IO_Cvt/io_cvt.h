@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <vector>
 
+#include "IO_Cvt/audio_input.h"
 #include "ReSample/qv_resample.h"
 #include "common/ffmpeg_handles.h"
 #include "meru/movie_info.h"
@@ -43,9 +43,9 @@ class IOCvt {
   int fill_video_frame(AVFrame* frame, const AVRational* tb);
 
   /// The next samples begin a new run: before they are taken, the sound so far is brought to exactly their time.
-  void realign_audio() { m_realign_audio = true; }
+  void realign_audio() { m_audio.realign(); }
 
-  int64_t audio_samples() const { return m_audio_samples; }
+  int64_t audio_samples() const { return m_audio.samples(); }
   int64_t video_frames() const { return m_video_frames; }
 
   /// Frames without buffers that describe the host's PCM and images; null when there is no memory.
@@ -54,22 +54,14 @@ class IOCvt {
 
  private:
   bool read_settings();
-  bool ready_for_audio() { return m_resample != nullptr || init_resample(); }
+  bool ready_for_audio() { return m_audio.ready() || init_resample(); }
   bool ready_for_video() { return m_rescale != nullptr || init_rescale(); }
-  int push_audio(AVFrame* frame, const AVRational* tb);
-  void align(AVFrame* frame, const AVRational* tb);
-  int push_pcm(uint8_t* data, int nb_samples, long long pts);
-  int push_silence(int64_t nb_samples, long long pts);
 
   void* m_owner;
-  std::unique_ptr<MR::QVResample> m_resample;
+  AudioInput m_audio;
   std::unique_ptr<MR::QVRescale> m_rescale;
-  FramePtr m_pcm_frame;
   FramePtr m_bgra_frame;
   std::unique_ptr<MovieInfo> m_info;  // set once under m_info_mutex, constant while frames are converted
   std::mutex m_info_mutex;
-  std::atomic<int64_t> m_audio_samples{0};
   std::atomic<int64_t> m_video_frames{0};
-  std::vector<uint8_t> m_silence;
-  std::atomic<bool> m_realign_audio{false};
 };
