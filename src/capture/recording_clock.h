@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 /// Turns the host's time stamps into stream time: from 0 at the first frame ever pushed, without the paused intervals.
 /// All times are microseconds on the library clock. Safe from several threads.
@@ -18,8 +19,8 @@ class RecordingClock {
 
   bool is_paused() const { return m_pause_time >= 1; }
   /// Opens a pause at `now`; an open one begins anew at `now`.
-  void pause(int64_t now) { m_pause_time = now; }
-  /// Closes the pause. @return whether one was open
+  void pause(int64_t now);
+  /// Closes the pause; of several threads one does. @return whether one was open
   bool resume(int64_t now);
 
  private:
@@ -27,7 +28,8 @@ class RecordingClock {
   static constexpr int64_t kFar = int64_t{1} << 61;
   static int64_t bounded(int64_t usec) { return std::clamp(usec, -kFar, kFar); }
 
+  std::mutex m_mutex;
   std::atomic<int64_t> m_start_pts{-1};
-  std::atomic<int64_t> m_pause_time{0};   // start of the open pause, 0 when there is none
-  std::atomic<int64_t> m_pause_total{0};  // sum of the closed pauses
+  std::atomic<int64_t> m_pause_time{0};   // written under m_mutex: start of the open pause, 0 when there is none
+  std::atomic<int64_t> m_pause_total{0};  // written under m_mutex: sum of the closed pauses
 };

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -97,6 +99,67 @@ TEST(RecordingClockTest, OneOfSeveralThreadsFixesTimeZero) {
   EXPECT_TRUE(start >= 1 && start <= 4) << start;
   clock.note_first(99);
   EXPECT_EQ(clock.start_pts(), start);
+}
+
+/// Runs both at the same moment.
+template <class First, class Second>
+void race(const First& first, const Second& second) {
+  std::atomic<int> ready{0};
+  const auto meet = [&ready] {
+    ++ready;
+    while (ready < 2) continue;
+  };
+  std::thread other([&] {
+    meet();
+    second();
+  });
+  meet();
+  first();
+  other.join();
+}
+
+class RecordingClockRaceTest : public testing::Test {
+ protected:
+  // What is printed for each resume is for people.
+  void SetUp() override { testing::internal::CaptureStderr(); }
+  void TearDown() override { testing::internal::GetCapturedStderr(); }
+  static constexpr int kRounds = 500;
+};
+
+TEST_F(RecordingClockRaceTest, TwoResumesCountOnePauseOnce) {
+  int wrong = 0;
+  for (int i = 0; i < kRounds; ++i) {
+    RecordingClock clock;
+    clock.note_first(0);
+    clock.pause(1000);
+    std::atomic<int> resumed{0};
+    const auto resume = [&] { resumed += clock.resume(3000) ? 1 : 0; };
+    race(resume, resume);
+    if (resumed != 1 || clock.stream_time(3000) != 1000) ++wrong;
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(RecordingClockRaceTest, PauseThatMeetsAResumeLeavesOneOfTheTwoOrders) {
+  int wrong = 0;
+  for (int i = 0; i < kRounds; ++i) {
+    RecordingClock clock;
+    clock.note_first(0);
+    clock.pause(1000);
+    race([&] { clock.pause(2000); }, [&] { clock.resume(2001); });
+    // Resumed first: a pause of 1001 has ended and another is open. Paused first: one of 1 has ended.
+    const int64_t paused = 10000 - clock.stream_time(10000);
+    if (paused != (clock.is_paused() ? 1001 : 1)) ++wrong;
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(RecordingClockRaceTest, ResumeThatReadItsTimeBeforeThePauseDoesNotTurnTheClockBack) {
+  RecordingClock clock;
+  clock.note_first(0);
+  clock.pause(1000);
+  EXPECT_TRUE(clock.resume(990));
+  EXPECT_EQ(clock.stream_time(2000), 2000);
 }
 
 }  // namespace
