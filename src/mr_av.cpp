@@ -95,6 +95,7 @@ int MERU_write_audio_pcm(void* handle, void* pcm, int nbytes, long long pts_usec
   if (handle == nullptr) return 0;
   if (as_session(handle)->audio_disabled()) {
     nuv::print_stderr("--- disable audio, ignore pcm frame\n");
+    as_session(handle)->drop_disabled_audio(pcm, nbytes);
     return 0;
   }
   return guarded(0, [&] { return as_session(handle)->fill_audio_frame(pcm, nbytes, pts_usec); });

@@ -20,7 +20,7 @@ constexpr AVRational kUsec{1, 1000000};
 
 }  // namespace
 
-IOCvt::IOCvt(void* owner) : m_owner(owner), m_audio(this, owner) {
+IOCvt::IOCvt(void* owner) : m_owner(owner), m_audio(this, static_cast<MovieCapture2*>(owner)) {
   if (owner == nullptr) exit(1);
   init_resample();
   init_rescale();
@@ -102,7 +102,8 @@ bool IOCvt::init_rescale() {
 }
 
 int IOCvt::fill_audio_pcm(void* data, int nbytes, long long pts) {
-  return ready_for_audio() ? m_audio.fill_pcm(data, nbytes, pts) : 0;
+  if (!ready_for_audio()) return m_audio.refuse(static_cast<MovieCapture2*>(m_owner)->samples_in(nbytes));
+  return m_audio.fill_pcm(data, nbytes, pts);
 }
 
 int IOCvt::fill_audio_silence(long long dur, long long pts) {
@@ -110,7 +111,7 @@ int IOCvt::fill_audio_silence(long long dur, long long pts) {
 }
 
 int IOCvt::fill_audio_frame(AVFrame* frame, const AVRational* tb) {
-  return ready_for_audio() ? m_audio.fill_frame(frame, tb) : 0;
+  return ready_for_audio() ? m_audio.fill_frame(frame, tb) : m_audio.refuse(std::max(frame->nb_samples, 0));
 }
 
 int IOCvt::fill_video_bgra(void* data, int nbytes, long long pts, int linesize) {
@@ -155,7 +156,7 @@ bool IOCvt::out_frame(bool video, AVFrame* frame, AVRational* /*tb*/) {
   if (video) {
     muxer->write_video_frame(frame, nullptr);
   } else {
-    muxer->write_audio_frame(frame, nullptr);
+    muxer->encode_audio_frame(frame, nullptr);
   }
   return true;
 }

@@ -42,8 +42,12 @@ class IOCvt {
   int fill_video_bgra(void* data, int nbytes, long long pts, int linesize);
   int fill_video_frame(AVFrame* frame, const AVRational* tb);
 
-  /// The next samples begin a new run: before they are taken, the sound so far is brought to exactly their time.
-  void realign_audio() { m_audio.realign(); }
+  /// Before the next samples are taken, the audio so far is brought to exactly their time.
+  void realign_audio(AudioInput::Align how = AudioInput::Align::kAfterPause) { m_audio.align_next(how); }
+  /// See MovieMuxer::set_audio_rest.
+  AVFrame* audio_rest() { return m_audio.take_rest(); }
+  /// Returns once no silence is being generated. Any thread.
+  void wait_for_silence() { m_audio.wait_for_silence(); }
 
   int64_t audio_samples() const { return m_audio.samples(); }
   int64_t video_frames() const { return m_video_frames; }

@@ -1,5 +1,7 @@
 #include "ReSample/qv_resample.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -19,11 +21,34 @@ namespace {
 
 constexpr AVRational kUsec{1, 1000000};
 constexpr int64_t kMaxDiffUsec = 500000;
+constexpr int kMaxChannels = 64;  // of libswresample
+constexpr int kDrainSamples = 1024;
 
 double to_sec(int64_t usec) { return static_cast<double>(usec) / 1e6; }
 
 int buffer_references(const AVFrame* frame) {
   return frame->buf[0] != nullptr ? av_buffer_get_ref_count(frame->buf[0]) : 0;
+}
+
+/// Mixes channels of which nobody knows where they belong: the first to the left, the second to the right, and so on.
+int mix_in_turn(SwrContext* swr, int in, int out) {
+  std::array<double, static_cast<size_t>(kMaxChannels) * kMaxChannels> matrix{};
+  if (in < 1 || in > kMaxChannels || out < 1 || out > kMaxChannels) return AVERROR(EINVAL);
+  for (int o = 0; o < out; ++o) {
+    const int mixed = (in - o + out - 1) / out;
+    for (int i = o; i < in; i += out) matrix[static_cast<size_t>(o * in + i)] = 1.0 / mixed;
+  }
+  return swr_set_matrix(swr, matrix.data(), in);
+}
+
+/// libswresample mixes the layouts that it knows.
+int init_resampler(SwrContext* swr, int in, int out) {
+  int ret = AVERROR(EINVAL);
+  if (meru_compat::default_layout(in) != 0) ret = swr_init(swr);
+  if (ret >= 0 || in < 1 || in > kMaxChannels) return ret;
+  swr_close(swr);
+  ret = mix_in_turn(swr, in, out);
+  return ret < 0 ? ret : swr_init(swr);
 }
 
 /// From which difference on the input counts as having jumped. Computed for the first recording of the process and kept
@@ -87,7 +112,7 @@ int QVResample::qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRation
   m_sharers = buffer_references(m_out_frame.get());
   m_time_base = tb;
   if (pri_swr_config_frame(m_swr.get(), dst, src) < 0) return -1;
-  const int ret = swr_init(m_swr.get());
+  const int ret = init_resampler(m_swr.get(), m_in_channels, m_out_channels);
   if (ret < 0) return ret;
   m_fifo.reset(av_audio_fifo_alloc(static_cast<AVSampleFormat>(m_out_sample_fmt), m_out_channels, 1));
   if (m_fifo == nullptr) {
@@ -107,32 +132,97 @@ AVFrame* QVResample::qv_convert_frame(const AVFrame* in, const AVRational* tb) {
   return out;
 }
 
-bool QVResample::buffer_samples(const AVFrame* in) {
-  const FramePtr converted(av_frame_alloc());
-  if (converted == nullptr) return false;
-  meru_compat::set_layout(converted.get(), static_cast<uint64_t>(m_out_ch_layout));
-  converted->format = m_out_sample_fmt;
-  converted->sample_rate = m_out_sample_rate;
-  if (swr_convert_frame(m_swr.get(), converted.get(), in) < 0) return false;
-  const int wanted = av_audio_fifo_size(m_fifo.get()) + converted->nb_samples;
-  if (av_audio_fifo_realloc(m_fifo.get(), wanted) < 0) {
-    MERU_LOG(2, "--- audio fifo realloc failed: sz = %d", wanted);
+/// The order of the channels is not compared: a record says how many there are, not which.
+bool QVResample::accepts(const AVFrame* in) const {
+  if (in->format != m_in_sample_fmt || in->sample_rate != m_in_sample_rate ||
+      meru_compat::channels_of(in) != m_in_channels || in->nb_samples < 0) {
     return false;
   }
-  av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(converted->extended_data), converted->nb_samples);
+  if (in->nb_samples == 0) return true;
+  const bool planar = av_sample_fmt_is_planar(static_cast<AVSampleFormat>(m_in_sample_fmt)) != 0;
+  const uint8_t* const* planes = in->extended_data;
+  return planes != nullptr && std::all_of(planes, planes + (planar ? m_in_channels : 1),
+                                          [](const uint8_t* plane) { return plane != nullptr; });
+}
+
+/// Makes memory for `count` converted samples.
+bool QVResample::reserve(int count) {
+  if (m_converted != nullptr && m_reserved >= count) return true;
+  FramePtr frame(av_frame_alloc());
+  if (frame == nullptr) return false;
+  meru_compat::set_layout(frame.get(), static_cast<uint64_t>(m_out_ch_layout));
+  frame->format = m_out_sample_fmt;
+  frame->nb_samples = count;
+  if (av_frame_get_buffer(frame.get(), 0) < 0) return false;
+  m_converted = std::move(frame);
+  m_reserved = count;
   return true;
 }
 
-AVFrame* QVResample::pri_convert_frame(const AVFrame* in) {
-  if (in != nullptr && !buffer_samples(in)) return nullptr;
-  if (av_audio_fifo_size(m_fifo.get()) < m_out_frame_size) return nullptr;
+/// Converts `count` samples into the buffer; null drains the resampler. @return how many came out, or a negative error
+int QVResample::convert(const uint8_t* const* planes, int count) {
+  const int most = planes != nullptr ? swr_get_out_samples(m_swr.get(), count) : kDrainSamples;
+  if (most < 0) return most;
+  if (!reserve(std::max(most, 1))) return AVERROR(ENOMEM);
+  const int made =
+      swr_convert(m_swr.get(), m_converted->extended_data, most, const_cast<const uint8_t**>(planes), count);
+  if (made <= 0) return made;
+  m_counts.out += made;
+  const int wanted = av_audio_fifo_size(m_fifo.get()) + made;
+  if (av_audio_fifo_realloc(m_fifo.get(), wanted) < 0) {
+    MERU_LOG(2, "--- audio fifo realloc failed: sz = %d", wanted);
+    m_counts.lost += made;
+    return made;
+  }
+  const int kept = av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(m_converted->extended_data), made);
+  m_counts.lost += made - std::max(kept, 0);
+  return made;
+}
+
+bool QVResample::buffer_samples(const AVFrame* in) {
+  m_counts.no_memory = false;
+  if (!accepts(in)) return false;
+  const int64_t lost = m_counts.lost;
+  const int ret = convert(in->extended_data, in->nb_samples);
+  m_counts.no_memory = ret == AVERROR(ENOMEM);
+  if (ret < 0) return false;
+  m_counts.in += in->nb_samples;
+  return m_counts.lost == lost;
+}
+
+AVFrame* QVResample::read_frame(int count) {
   AVFrame* out = m_out_frame.get();
+  out->nb_samples = m_out_frame_size;
   if (!make_buffers_free(out, &m_sharers)) return nullptr;
-  const int ret = av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(out->extended_data), m_out_frame_size);
+  const int ret = av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(out->extended_data), count);
   if (ret < 0) {
     av_log(nullptr, AV_LOG_INFO, "@@ audio fifo read error: %s\n", AvError(ret).text);
     return nullptr;
   }
+  out->nb_samples = count;
+  return out;
+}
+
+AVFrame* QVResample::pri_convert_frame(const AVFrame* in) {
+  if (in != nullptr && !buffer_samples(in)) return nullptr;
+  return buffered() < m_out_frame_size ? nullptr : read_frame(m_out_frame_size);
+}
+
+AVFrame* QVResample::qv_take_rest() {
+  if (m_swr == nullptr || swr_is_initialized(m_swr.get()) < 1) return nullptr;
+  if (!m_drained) {
+    m_drained = true;
+    while (convert(nullptr, 0) > 0) continue;
+  }
+  const int count = std::min(buffered(), m_out_frame_size);
+  AVFrame* out = count > 0 ? read_frame(count) : nullptr;
+  if (out == nullptr) {
+    m_drained = false;
+    swr_init(m_swr.get());
+    return nullptr;
+  }
+  out->pts = m_next_pts;
+  m_next_pts += count;
   return out;
 }
 

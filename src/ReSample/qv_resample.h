@@ -27,6 +27,24 @@ class QVResample {
   ///         after which the converter can still be used
   AVFrame* qv_convert_frame(const AVFrame* in, const AVRational* tb);
 
+  /// @return whether these are samples of the configured format, rate and number of channels
+  bool accepts(const AVFrame* in) const;
+
+  /// At the end of the audio: gives what the resampler and the buffer still hold, frame by frame; the last one may be
+  /// shorter than the encoder's frame size. @return as qv_convert_frame; after null the converter can be used again
+  AVFrame* qv_take_rest();
+
+  /// What has been taken and made so far, in samples of every channel.
+  struct Counts {
+    int64_t in = 0;          ///< taken, at the input's rate
+    int64_t out = 0;         ///< converted, at the output's rate
+    int64_t lost = 0;        ///< of these: not buffered, for lack of memory
+    bool no_memory = false;  ///< why the last input was not taken, else it is not what was configured
+  };
+  const Counts& counts() const { return m_counts; }
+  /// Converted samples that no frame has been made of yet.
+  int buffered() const { return m_fifo != nullptr ? av_audio_fifo_size(m_fifo.get()) : 0; }
+
   int in_byte_rate() const { return m_in_byte_rate; }
   int in_sample_rate() const { return m_in_sample_rate; }
 
@@ -38,7 +56,10 @@ class QVResample {
   int pri_swr_config_frame(SwrContext* swr, const AVFrame* out, const AVFrame* in);
   AVFrame* pri_convert_frame(const AVFrame* in);
   void pri_convert_pts(const AVFrame* in, AVFrame* out, const AVRational* tb);
+  bool reserve(int count);
+  int convert(const uint8_t* const* planes, int count);
   bool buffer_samples(const AVFrame* in);
+  AVFrame* read_frame(int count);
 
   SwrPtr m_swr;
   AudioFifoPtr m_fifo;
@@ -56,6 +77,10 @@ class QVResample {
   int m_out_planar = 0;
   int m_out_channels = 0;
   FramePtr m_out_frame;
+  FramePtr m_converted;  // holds what one call of the resampler gives
+  int m_reserved = 0;    // samples that it has memory for
+  bool m_drained = false;
+  Counts m_counts;
   int64_t m_next_pts = 0;
   int m_sharers = 0;  // references to the output frame's buffers while the encoder holds none
 };

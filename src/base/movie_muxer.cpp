@@ -71,12 +71,43 @@ int MovieMuxer::write_video_frame(AVFrame* frame, const AVRational* tb) {
 }
 
 int MovieMuxer::write_audio_frame(AVFrame* frame, const AVRational* tb) {
-  if (m_blocked || m_audio_enc == nullptr) return 0;
-  if (frame != nullptr) {
-    if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_audio_st.enc->time_base);
-    m_last_a_pts = frame->pts;
+  if (frame != nullptr) m_books.encoder_samples.take(frame->nb_samples);
+  return encode_audio_frame(frame, tb);
+}
+
+int MovieMuxer::encode_audio_frame(AVFrame* frame, const AVRational* tb) {
+  if (m_blocked || m_audio_enc == nullptr) {
+    if (frame != nullptr) m_books.encoder_samples.drop(MR::Drop::kNotStarted, frame->nb_samples);
+    return 0;
   }
-  return m_audio_enc->write_audio_frame(m_oc.get(), &m_audio_st, frame);
+  if (frame == nullptr) return m_audio_enc->write_audio_frame(m_oc.get(), &m_audio_st, nullptr);
+  if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_audio_st.enc->time_base);
+  m_last_a_pts = frame->pts;
+  return encode_counted(m_oc.get(), frame);
+}
+
+int MovieMuxer::encode_counted(AVFormatContext* oc, AVFrame* frame) {
+  MR::Ledger& samples = m_books.encoder_samples;
+  const int count = frame->nb_samples;
+  int result = 0;
+  try {
+    result = m_audio_enc->write_audio_frame(oc, &m_audio_st, frame);
+  } catch (...) {
+    samples.drop(MR::Drop::kMemory, count);
+    throw;
+  }
+  if (result >= 0 || result == kPacketRefused) {
+    samples.pass(count);
+  } else {
+    samples.drop(MR::Drop::kEncoder, count);
+  }
+  return result;
+}
+
+/// What is less than a frame of the encoder is recorded too. FFmpeg fills it up where the codec wants whole frames.
+void MovieMuxer::encode_audio_rest(AVFormatContext* oc) {
+  if (m_audio_enc == nullptr || !m_audio_rest) return;
+  while (AVFrame* frame = m_audio_rest()) encode_counted(oc, frame);
 }
 
 bool MovieMuxer::add_audio_filter(FilterBase* filter) {
@@ -168,6 +199,7 @@ void MovieMuxer::close_output() {
   FormatContextPtr oc = std::move(m_oc);
   m_blocked = true;
   limit_outputs();
+  encode_audio_rest(oc.get());
   flushEncoder(oc.get());
   MERU_LOG(4, "before write stop ...");
   m_writer->stop();

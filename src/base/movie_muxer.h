@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "base/audio_enc.h"
 #include "base/base_writer.h"
@@ -63,6 +64,8 @@ class MovieMuxer : public MovieBase {
   /// encoder's. Video stamps must rise. @return the encoder's result, 0 when the frame was dropped
   int write_video_frame(AVFrame* frame, const AVRational* tb);
   int write_audio_frame(AVFrame* frame, const AVRational* tb);
+  /// As write_audio_frame, for samples that the books count as taken already.
+  int encode_audio_frame(AVFrame* frame, const AVRational* tb);
 
   /// @return false when there is no such encoder; the filter is not taken then
   bool add_audio_filter(FilterBase* filter);
@@ -89,6 +92,9 @@ class MovieMuxer : public MovieBase {
  protected:
   /// The record as given to start(), and from "start OK" on with what the encoders made of it.
   MovieInfo info_copy() const;
+  /// Gives what the conversion still holds when the recording ends, frame by frame, then null. To be set before
+  /// start().
+  void set_audio_rest(std::function<AVFrame*()> next) { m_audio_rest = std::move(next); }
   bool no_video() const { return m_no_video; }
   bool no_audio() const { return m_no_audio; }
 
@@ -115,8 +121,11 @@ class MovieMuxer : public MovieBase {
   void close_output();
   void publish_books() const;
   void limit_outputs();
+  void encode_audio_rest(AVFormatContext* oc);
+  int encode_counted(AVFormatContext* oc, AVFrame* frame);
 
   MR::CaptureBooks m_books;
+  std::function<AVFrame*()> m_audio_rest;
   std::unique_ptr<AudioEnc> m_audio_enc;
   std::unique_ptr<VideoEnc> m_video_enc;
   OutputStream m_video_st;

@@ -1,5 +1,6 @@
 #include "capture/movie_capture2.h"
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 
@@ -26,7 +27,9 @@ double to_sec(int64_t usec) { return static_cast<double>(usec) / 1e6; }
 
 }  // namespace
 
-MovieCapture2::MovieCapture2(BaseWriter* writer) : MovieMuxer(writer) {}
+MovieCapture2::MovieCapture2(BaseWriter* writer) : MovieMuxer(writer) {
+  set_audio_rest([this] { return audio_rest(); });
+}
 
 MovieCapture2::~MovieCapture2() {
   MERU_LOG(4, "before delete iocvt");
@@ -45,6 +48,9 @@ int MovieCapture2::start(MovieInfo info, MovieStatusCallback cb, void* user, boo
   m_relay = std::make_shared<StatusRelay>(cb, user, [this](int id, const char* text) { note_status(id, text); });
   m_last_audio_pts = 0;
   m_last_video_pts = 0;
+  m_first_audio = m_align_first_audio;
+  m_sample_bytes = av_get_bytes_per_sample(static_cast<AVSampleFormat>(info.sample_fmt));
+  m_channels = info.channels;
   m_writer->m_status_cb = &writer_callback;
   m_writer->m_status_user = m_relay.get();
   return MovieMuxer::start(info, &statu_callback, m_relay.get(), async, m_relay);
@@ -52,6 +58,10 @@ int MovieCapture2::start(MovieInfo info, MovieStatusCallback cb, void* user, boo
 
 bool MovieCapture2::stop() {
   m_start_ok = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_iocvt_mutex);
+    if (m_iocvt != nullptr) m_iocvt->wait_for_silence();  // which ends now, however long it is
+  }
   return MovieMuxer::stop() != 0;
 }
 
@@ -117,17 +127,72 @@ int MovieCapture2::fill_video_frame(void* bgra, int nbytes, long long pts_usec, 
   return iocvt()->fill_video_bgra(bgra, nbytes, t, linesize);
 }
 
+int64_t MovieCapture2::samples_in(int nbytes) const {
+  const int bytes = m_sample_bytes;
+  const int channels = m_channels;
+  return nbytes > 0 && bytes > 0 && channels > 0 ? nbytes / bytes / channels : 0;
+}
+
+void MovieCapture2::drop_disabled_audio(const void* pcm, int nbytes) {
+  const int64_t count = pcm != nullptr ? samples_in(nbytes) : 0;
+  books().source_samples.take(count);
+  books().source_samples.drop(MR::Drop::kDisabled, count);
+}
+
+/// As accepts_frames; accounts for samples that are not accepted.
+bool MovieCapture2::accepts_samples(int64_t count) {
+  const bool started = m_start_ok;
+  if (accepts_frames()) return true;
+  books().source_samples.take(count);
+  books().source_samples.drop(started ? MR::Drop::kPaused : MR::Drop::kNotStarted, count);
+  return false;
+}
+
+/// Calls `push`, which accounts for `count` samples, and accounts for them itself as far as it throws before.
+template <class Push>
+int MovieCapture2::push_samples(int64_t count, const Push& push) {
+  MR::Ledger& source = books().source_samples;
+  const int64_t taken = source.taken();
+  const int64_t settled = source.passed() + source.dropped();
+  try {
+    return push();
+  } catch (...) {
+    source.take(count - (source.taken() - taken));
+    source.drop(MR::Drop::kMemory, count - (source.passed() + source.dropped() - settled));
+    throw;
+  }
+}
+
+/// The converter, told whether the next samples are to be aligned.
+IOCvt* MovieCapture2::iocvt_for_samples() {
+  IOCvt* converter = iocvt();
+  const bool resumed = m_resumed.exchange(false);
+  if (m_first_audio.exchange(false)) {
+    converter->realign_audio(AudioInput::Align::kFirst);
+  } else if (resumed) {
+    converter->realign_audio();
+  }
+  return converter;
+}
+
+AVFrame* MovieCapture2::audio_rest() {
+  const std::lock_guard<std::mutex> lock(m_iocvt_mutex);
+  return m_iocvt != nullptr ? m_iocvt->audio_rest() : nullptr;
+}
+
 int MovieCapture2::fill_audio_frame(void* pcm, int nbytes, long long pts_usec) {
+  const int64_t count = pcm != nullptr ? samples_in(nbytes) : 0;
   m_clock.note_first(pts_usec);
-  if (!accepts_frames()) return 0;
+  if (!accepts_samples(count)) return 0;
   MERU_LOG(5, "nb=%d, pts=%lld", nbytes, pts_usec);
   const int64_t t = m_clock.stream_time(pts_usec);
   const int64_t prev = m_last_audio_pts.exchange(t);
-  IOCvt* converter = iocvt();
-  if (m_resumed.exchange(false)) converter->realign_audio();
-  if (pcm != nullptr) return converter->fill_audio_pcm(pcm, nbytes, t);
-  MERU_LOG(5, "[fill silence] ----> pts=%lf(sec), dur=%lf(sec)", to_sec(prev), to_sec(t - prev));
-  return converter->fill_audio_silence(t - prev, prev);
+  return push_samples(count, [&] {
+    IOCvt* converter = iocvt_for_samples();
+    if (pcm != nullptr) return converter->fill_audio_pcm(pcm, nbytes, t);
+    MERU_LOG(5, "[fill silence] ----> pts=%lf(sec), dur=%lf(sec)", to_sec(prev), to_sec(t - prev));
+    return converter->fill_audio_silence(t - prev, prev);
+  });
 }
 
 int MovieCapture2::fill_video_frame(AVFrame* frame, const AVRational& tb) {
@@ -141,13 +206,12 @@ int MovieCapture2::fill_video_frame(AVFrame* frame, const AVRational& tb) {
 }
 
 int MovieCapture2::fill_audio_frame(AVFrame* frame, const AVRational& tb) {
+  const int64_t count = std::max(frame->nb_samples, 0);
   const int64_t usec = av_rescale_q(frame->pts, tb, kUsec);
   m_clock.note_first(usec);
-  if (!accepts_frames()) return 0;
+  if (!accepts_samples(count)) return 0;
   const int64_t t = m_clock.stream_time(usec);
   m_last_audio_pts = t;
   frame->pts = t;
-  IOCvt* converter = iocvt();
-  if (m_resumed.exchange(false)) converter->realign_audio();
-  return converter->fill_audio_frame(frame, &kUsec);
+  return push_samples(count, [&] { return iocvt_for_samples()->fill_audio_frame(frame, &kUsec); });
 }

@@ -155,6 +155,11 @@ const int* supported_sample_rates(const AVCodec* codec) { return codec->supporte
 
 #endif
 
+uint64_t unplaced_layout(int channels) {
+  constexpr int kBits = 64;
+  return channels < 1 || channels > kBits ? 0 : ~uint64_t{0} >> (kBits - channels);
+}
+
 uint64_t choose_layout(const AVCodec* codec, uint64_t wanted) {
 #if MERU_NEW_LAYOUTS
 #if MERU_CONFIG_LISTS

@@ -30,7 +30,10 @@ void register_all();
 
 // --- channel layouts: a bit mask on every version, stereo being AV_CH_LAYOUT_STEREO ---
 
+/// The usual layout of that many channels, 0 when FFmpeg knows none.
 uint64_t default_layout(int channels);
+/// A layout for 1 to 64 channels of which only the number is known, else 0.
+uint64_t unplaced_layout(int channels);
 int layout_channels(uint64_t layout);
 void set_layout(AVFrame* frame, uint64_t layout);
 void set_layout(AVCodecContext* ctx, uint64_t layout);

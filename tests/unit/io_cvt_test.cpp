@@ -24,7 +24,7 @@ constexpr int kLine = 64 * 4;
 /// Keeps what passes through the two places that a subclass may look at.
 class ProbedCvt : public IOCvt {
  public:
-  using IOCvt::IOCvt;
+  explicit ProbedCvt(MovieCapture2* owner) : IOCvt(owner), session(owner) {}
   struct Input {
     const AVFrame* frame;
     const uint8_t* data;
@@ -40,7 +40,9 @@ class ProbedCvt : public IOCvt {
   }
   bool out_frame(bool video, AVFrame* frame, AVRational* tb) override {
     stamps.push_back(frame->pts);
-    return hand_on ? IOCvt::out_frame(video, frame, tb) : true;
+    if (hand_on) return IOCvt::out_frame(video, frame, tb);
+    if (!video) session->books().encoder_samples.drop(MR::Drop::kEncoder, frame->nb_samples);
+    return true;
   }
   static int16_t first(const AVFrame* frame) {
     return frame->nb_samples > 0 ? *reinterpret_cast<const int16_t*>(frame->data[0]) : int16_t{-1};
@@ -51,6 +53,7 @@ class ProbedCvt : public IOCvt {
     return sum;
   }
 
+  MovieCapture2* session;
   bool convert = true;
   bool hand_on = true;
   std::vector<Input> inputs;
@@ -166,6 +169,7 @@ TEST_P(PcmSize, RemainderIsIgnored) {
   EXPECT_EQ(cvt->inputs[0].pts, 777);
   EXPECT_EQ(av_cmp_q(cvt->in_base, kUsec), 0);
   EXPECT_EQ(cvt->audio_samples(), GetParam().samples);
+  m_session->books().source_samples.drop(MR::Drop::kRefused, GetParam().samples);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, PcmSize,
