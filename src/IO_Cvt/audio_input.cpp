@@ -125,7 +125,8 @@ bool AudioInput::init(const MovieInfo& info) {
     return false;
   }
   auto resample = std::make_unique<MR::QVResample>();
-  if (resample->qv_config_frame(dst, m_pcm_frame.get(), {1, info.sample_rate_dst}) < 0) {
+  const bool possible = m_sample_bytes > 0 && m_channels > 0 && m_rate > 0;
+  if (!possible || resample->qv_config_frame(dst, m_pcm_frame.get(), {1, info.sample_rate_dst}) < 0) {
     MERU_LOG(2, "=== config QVResample failed ..");
     return false;
   }
