@@ -87,11 +87,14 @@ MERU_API long long MERU_movie_time(void* session);
 /// The image is converted and encoded before the call returns, so the buffer is the caller's again afterwards.
 /// @param session   handle from MERU_start; null is allowed and does nothing
 /// @param bgra      first byte of the top row, `width_src` by `height_src` pixels of `pix_fmt_src`; the planes of a
-///                  planar format follow each other without gaps. Null is refused
+///                  planar format follow each other without gaps. Nothing is read after the last pixel of the last
+///                  row. Null is refused
 /// @param nbytes    size of the image in bytes; only logged
 /// @param pts_usec  capture time in microseconds on the clock of MERU_current_sys_usec
-/// @param linesize  bytes from one row to the next, at least 4 * width_src for BGRA (of the first plane for a planar
-///                  format; the others follow from it); less is refused
+/// @param linesize  bytes from one row to the next, at least 4 * width_src for BGRA; less is refused. Of a planar
+///                  format, that of the first plane; the other planes have the strides of an image whose rows fill `linesize`
+///                  with pixels: for 4:2:0 half of it, rounded up; for the second plane of NV12 `linesize`, rounded up
+///                  to an even number
 /// @return nonzero when the image was taken to be encoded; 0 when it was dropped: not started, paused, no video, or
 ///         refused. An image whose stamp does not lie a frame after the last one's is taken and then left out
 /// @threads one pushing thread for video; audio may be pushed from another. Blocks while an output's queue is full:

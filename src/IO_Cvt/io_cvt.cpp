@@ -12,11 +12,25 @@
 extern "C" {
 #include <libavutil/imgutils.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/pixdesc.h>
 }
 
 namespace {
 
 constexpr AVRational kUsec{1, 1000000};
+
+/// The strides of the other planes are those of an image whose rows fill `linesize` with pixels.
+void fill_strides(AVFrame* frame, int linesize) {
+  const auto format = static_cast<AVPixelFormat>(frame->format);
+  frame->linesize[0] = linesize;
+  std::array<int, 4> tight{}, steps{};
+  if (av_image_fill_linesizes(tight.data(), format, frame->width) < 0) return;
+  av_image_fill_max_pixsteps(steps.data(), nullptr, av_pix_fmt_desc_get(format));
+  const int columns = steps[0] > 0 ? linesize / steps[0] + (linesize % steps[0] > 0 ? 1 : 0) : 0;
+  for (int i = 1; i < 4; ++i) {
+    if (tight[static_cast<size_t>(i)] > 0) frame->linesize[i] = av_image_get_linesize(format, columns, i);
+  }
+}
 
 }  // namespace
 
@@ -71,14 +85,7 @@ FramePtr IOCvt::alloc_video_bgra_frame(const MovieInfo* info, int linesize) {
   frame->format = info->pix_fmt_src;
   frame->width = info->width_src;
   frame->height = info->height_src;
-  frame->linesize[0] = linesize;
-  // Further planes keep to the first one's ratio of stride to width.
-  std::array<int, 4> tight{};
-  if (av_image_fill_linesizes(tight.data(), static_cast<AVPixelFormat>(info->pix_fmt_src), info->width_src) >= 0) {
-    for (size_t i = 1; i < tight.size() && tight[0] > 0; ++i) {
-      frame->linesize[i] = static_cast<int>((static_cast<int64_t>(tight[i]) * linesize + tight[0] - 1) / tight[0]);
-    }
-  }
+  fill_strides(frame.get(), linesize);
   return frame;
 }
 

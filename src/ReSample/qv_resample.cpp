@@ -270,16 +270,22 @@ int QVRescale::qv_config_frame(const AVFrame* dst, const AVFrame* src, AVRationa
 }
 
 AVFrame* QVRescale::pri_convert_frame(const AVFrame* src) {
-  // The scaler would read beyond an image that is smaller than the one it was made for.
-  if (src->width != m_src.width || src->height != m_src.height || src->format != m_src.format) return nullptr;
+  if (!takes(*src)) return nullptr;
   AVFrame* out = m_out_frame.get();
   if (!make_buffers_free(out, &m_sharers)) return nullptr;
   if (m_rgb_to_yuv != nullptr) {
     m_rgb_to_yuv->convert(src->data[0], src->linesize[0], out->data, out->linesize);
   } else {
-    meru_compat::scale(m_sws.get(), src, out);
+    const AVFrame* readable = m_padded.readable(src, out->width);
+    if (readable == nullptr) return nullptr;
+    meru_compat::scale(m_sws.get(), readable, out);
   }
   return out;
+}
+
+/// The scaler would read beyond an image that is smaller than the one it was made for.
+bool QVRescale::takes(const AVFrame& src) const {
+  return !converts() || (src.width == m_src.width && src.height == m_src.height && src.format == m_src.format);
 }
 
 AVFrame* QVRescale::qv_convert_frame(AVFrame* src, const AVRational* tb) {

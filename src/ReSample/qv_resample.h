@@ -4,6 +4,7 @@
 
 #include "ReSample/rgb_to_yuv.h"
 #include "common/ffmpeg_handles.h"
+#include "common/padded_source.h"
 #include "common/scaler.h"
 
 namespace MR {
@@ -102,6 +103,9 @@ class QVRescale {
   ///         conversion is needed; null when `src` is not what was configured, or when there is no memory
   AVFrame* qv_convert_frame(AVFrame* src, const AVRational* tb);
 
+  /// @return whether `src` is what was configured; without a conversion anything is
+  bool takes(const AVFrame& src) const;
+
  private:
   AVFrame* pri_convert_frame(const AVFrame* src);
   bool converts() const { return m_sws != nullptr || m_rgb_to_yuv != nullptr; }
@@ -111,7 +115,8 @@ class QVRescale {
   FramePtr m_out_frame;
   std::unique_ptr<RgbToYuv> m_rgb_to_yuv;  // in place of m_sws where the two would do the same
   ImageFormat m_src;                       // what is converted from
-  int m_sharers = 0;                       // references to the output frame's buffers while the encoder holds none
+  PaddedSource m_padded;
+  int m_sharers = 0;  // references to the output frame's buffers while the encoder holds none
 };
 
 }  // namespace MR

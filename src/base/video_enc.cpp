@@ -91,8 +91,9 @@ AVFrame* VideoEnc::check_frame_format(OutputStream* ost, AVFrame* frame) {
     if (m_sws == nullptr) end_without_scaler();
   }
   AVFrame* out = conversion_target(ost);
-  if (out == nullptr) return nullptr;
-  meru_compat::scale(m_sws.get(), frame, out);
+  const AVFrame* readable = out != nullptr ? m_padded.readable(frame, out->width) : nullptr;
+  if (readable == nullptr) return nullptr;
+  meru_compat::scale(m_sws.get(), readable, out);
   out->pts = frame->pts;
   out->colorspace = frame->colorspace;
   out->color_range = frame->color_range;

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "base/enc_base.h"
+#include "common/padded_source.h"
 #include "common/scaler.h"
 
 /// Encodes images and hands the packets to the writer. Used by the thread that pushes video, and by stop().
@@ -45,5 +46,6 @@ class VideoEnc : public EncBase {
   SwsPtr m_sws;
   SwsPtr m_test_sws;
   ImageFormat m_sws_src;  // what m_sws converts from
-  FramePtr m_spare;       // converted into while somebody else holds the buffers of the encoder's input frame
+  PaddedSource m_padded;
+  FramePtr m_spare;  // converted into while somebody else holds the buffers of the encoder's input frame
 };
