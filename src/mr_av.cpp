@@ -86,6 +86,7 @@ int MERU_write_video_bgra(void* handle, void* bgra, int nbytes, long long pts_us
   if (handle == nullptr) return 0;
   if (as_session(handle)->video_disabled()) {
     nuv::print_stderr("--- disable video, ignore bgra frame\n");
+    MR::Taken(&as_session(handle)->books().video_frames, 1).drop(MR::Drop::kDisabled);
     return 0;
   }
   return guarded(0, [&] { return as_session(handle)->fill_video_frame(bgra, nbytes, pts_usec, linesize); });

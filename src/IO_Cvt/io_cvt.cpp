@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <optional>
 
 #include "capture/movie_capture2.h"
 #include "common/ffmpeg_compat.h"
@@ -121,47 +122,91 @@ int IOCvt::fill_audio_frame(AVFrame* frame, const AVRational* tb) {
   return ready_for_audio() ? m_audio.fill_frame(frame, tb) : m_audio.refuse(std::max(frame->nb_samples, 0));
 }
 
-int IOCvt::fill_video_bgra(void* data, int nbytes, long long pts, int linesize) {
-  if (!ready_for_video()) return 0;
+template <class Push>
+int IOCvt::account_video(MR::Taken* taken, Push push) {
+  std::optional<MR::Taken> own;
+  if (taken == nullptr) taken = &own.emplace(&static_cast<MovieCapture2*>(m_owner)->books().video_frames, 1);
+  struct Scope {
+    explicit Scope(MR::Taken** current, MR::Taken* frame) : m_current(current) { *m_current = frame; }
+    ~Scope() { *m_current = nullptr; }
+    MR::Taken** m_current;
+  };
+  const Scope scope(&m_video_taken, taken);
+  return push();
+}
+
+int IOCvt::fill_video_bgra(void* data, int nbytes, long long pts, int linesize, MR::Taken* taken) {
+  return account_video(taken, [&] { return push_image(data, nbytes, pts, linesize); });
+}
+
+int IOCvt::fill_video_frame(AVFrame* frame, const AVRational* tb, MR::Taken* taken) {
+  return account_video(taken, [&] { return push_frame(frame, tb); });
+}
+
+int IOCvt::drop_video(MR::Drop reason) {
+  if (m_video_taken != nullptr) m_video_taken->drop(reason);
+  return 0;
+}
+
+/// What keeps the rescaler from being made.
+int IOCvt::drop_unready_video() {
+  if (!read_settings()) return drop_video(MR::Drop::kNotStarted);
+  return drop_video(MERU_video_dst_frame(m_owner) == nullptr ? MR::Drop::kDisabled : MR::Drop::kRefused);
+}
+
+int IOCvt::push_image(void* data, int nbytes, long long pts, int linesize) {
+  if (!ready_for_video()) return drop_unready_video();
   const auto fmt = static_cast<AVPixelFormat>(m_info->pix_fmt_src);
   const int row_bytes = av_image_get_linesize(fmt, m_info->width_src, 0);
   if (data == nullptr || row_bytes <= 0 || linesize < row_bytes) {
     MERU_LOG(4, "image refused: nb=%d, linesize=%d, a row has %d", nbytes, linesize, row_bytes);
-    return 0;
+    return drop_video(MR::Drop::kRefused);
   }
   if (m_bgra_frame == nullptr || m_bgra_frame->linesize[0] != linesize) {
     m_bgra_frame = alloc_video_bgra_frame(m_info.get(), linesize);
-    if (m_bgra_frame == nullptr) return 0;
+    if (m_bgra_frame == nullptr) return drop_video(MR::Drop::kMemory);
   }
   AVFrame* frame = m_bgra_frame.get();
   const int ret =
       av_image_fill_pointers(frame->data, fmt, m_info->height_src, static_cast<uint8_t*>(data), frame->linesize);
   if (ret < 0) {
     av_log(nullptr, AV_LOG_ERROR, "###---> image fill error: %s\n", AvError(ret).text);
-    return 0;
+    return drop_video(MR::Drop::kRefused);
   }
   frame->pts = pts;
   ++m_video_frames;
   return in_frame(true, frame, &kUsec);
 }
 
-int IOCvt::fill_video_frame(AVFrame* frame, const AVRational* tb) {
-  if (!ready_for_video()) return 0;
+int IOCvt::push_frame(AVFrame* frame, const AVRational* tb) {
+  if (!ready_for_video()) return drop_unready_video();
   ++m_video_frames;
   return in_frame(true, frame, tb);
 }
 
 int IOCvt::in_frame(bool video, AVFrame* frame, const AVRational* tb) {
-  if (!video) return m_audio.convert(frame, tb);
+  return video ? in_video_frame(frame, tb) : m_audio.convert(frame, tb);
+}
+
+int IOCvt::in_video_frame(AVFrame* frame, const AVRational* tb) {
+  if (m_rescale == nullptr) return drop_video(MR::Drop::kNotStarted);
+  const bool taken = frame->data[0] != nullptr && m_rescale->takes(*frame);
+  AVFrame* out = taken ? m_rescale->qv_convert_frame(frame, tb) : nullptr;
+  if (out == nullptr) {
+    const MR::Drop reason = taken ? MR::Drop::kMemory : MR::Drop::kRefused;
+    const bool first = m_video_taken != nullptr && m_video_taken->drop(reason);
+    MR::report_drop("video frame", reason, first,
+                    taken ? "it cannot be converted" : "it has not the size and the pixel format of the record");
+    return 0;
+  }
   AVRational out_tb{0, 1};
-  AVFrame* out = m_rescale != nullptr ? m_rescale->qv_convert_frame(frame, tb) : nullptr;
-  return out != nullptr && out_frame(true, out, &out_tb) ? 1 : 0;
+  return out_frame(true, out, &out_tb) ? 1 : 0;
 }
 
 bool IOCvt::out_frame(bool video, AVFrame* frame, AVRational* /*tb*/) {
   auto* muxer = static_cast<MovieCapture2*>(m_owner);
   if (video) {
-    muxer->write_video_frame(frame, nullptr);
+    muxer->write_video_frame(frame, nullptr, m_video_taken);
   } else {
     muxer->encode_audio_frame(frame, nullptr);
   }

@@ -7,6 +7,7 @@
 
 #include "IO_Cvt/audio_input.h"
 #include "ReSample/qv_resample.h"
+#include "common/books.h"
 #include "common/ffmpeg_handles.h"
 #include "meru/movie_info.h"
 
@@ -39,8 +40,9 @@ class IOCvt {
   int fill_audio_pcm(void* data, int nbytes, long long pts);
   int fill_audio_silence(long long dur, long long pts);
   int fill_audio_frame(AVFrame* frame, const AVRational* tb);
-  int fill_video_bgra(void* data, int nbytes, long long pts, int linesize);
-  int fill_video_frame(AVFrame* frame, const AVRational* tb);
+  /// The owner's account of video frames is settled for each frame: that of the caller in `taken`, or one made here.
+  int fill_video_bgra(void* data, int nbytes, long long pts, int linesize, MR::Taken* taken = nullptr);
+  int fill_video_frame(AVFrame* frame, const AVRational* tb, MR::Taken* taken = nullptr);
 
   /// Before the next samples are taken, the audio so far is brought to exactly their time.
   void realign_audio(AudioInput::Align how = AudioInput::Align::kAfterPause) { m_audio.align_next(how); }
@@ -60,6 +62,13 @@ class IOCvt {
   bool read_settings();
   bool ready_for_audio() { return m_audio.ready() || init_resample(); }
   bool ready_for_video() { return m_rescale != nullptr || init_rescale(); }
+  template <class Push>
+  int account_video(MR::Taken* taken, Push push);
+  int in_video_frame(AVFrame* frame, const AVRational* tb);
+  int push_image(void* data, int nbytes, long long pts, int linesize);
+  int push_frame(AVFrame* frame, const AVRational* tb);
+  int drop_video(MR::Drop reason);
+  int drop_unready_video();
 
   void* m_owner;
   AudioInput m_audio;
@@ -67,5 +76,6 @@ class IOCvt {
   FramePtr m_bgra_frame;
   std::unique_ptr<MovieInfo> m_info;  // set once under m_info_mutex, constant while frames are converted
   std::mutex m_info_mutex;
+  MR::Taken* m_video_taken = nullptr;  // of the frame that is being pushed
   std::atomic<int64_t> m_video_frames{0};
 };

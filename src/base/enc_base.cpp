@@ -35,9 +35,10 @@ EncodeResult EncBase::encode(AVCodecContext* enc, const AVFrame* frame, AVPacket
 
   if (sent < 0 && sent != AVERROR_EOF) {
     if (received >= 0) av_packet_unref(packet);
-    return {sent, false};
+    return {sent, false, false};
   }
-  if (received >= 0) return {0, true};
+  const bool accepted = frame != nullptr && sent >= 0;
+  if (received >= 0) return {0, true, accepted};
   const bool nothing_yet = received == AVERROR(EAGAIN) || received == AVERROR_EOF;
-  return {nothing_yet ? 0 : received, false};
+  return {nothing_yet ? 0 : received, false, accepted};
 }

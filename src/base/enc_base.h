@@ -19,6 +19,7 @@ struct OutputStream {
 struct EncodeResult {
   int error = 0;            ///< negative FFmpeg error
   bool got_packet = false;  ///< `packet` holds one
+  bool accepted = false;    ///< the encoder has taken the frame
 };
 
 /// Result of writing a frame: the writer refused the packet.

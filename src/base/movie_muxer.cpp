@@ -54,20 +54,33 @@ void MovieMuxer::publish_books() const {
   MR::publish_books(report);
 }
 
-int MovieMuxer::write_video_frame(AVFrame* frame, const AVRational* tb) {
-  if (m_blocked || m_video_enc == nullptr) return 0;
+int MovieMuxer::write_video_frame(AVFrame* frame, const AVRational* tb, MR::Taken* taken) {
+  if (frame != nullptr && taken != nullptr) return encode_video(frame, tb, taken);
   if (frame != nullptr) {
-    if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_video_st.enc->time_base);
-    const int64_t last = m_last_v_pts;
-    if (frame->pts <= last) {
-      MERU_LOG(5, "@@@ V pts: %lld  (frame->pts <= g_last_v_pts %lld)", static_cast<long long>(frame->pts),
-               static_cast<long long>(last));
-      return 0;
-    }
-    m_last_v_pts = frame->pts;
-    m_writer->m_encoder_delay.pushed(av_rescale_q(frame->pts, m_video_st.enc->time_base, kUsec));
+    MR::Taken uncounted(&m_books.video_frames, 1);
+    return encode_video(frame, tb, &uncounted);
   }
-  return m_video_enc->write_video_frame(m_oc.get(), &m_video_st, frame);
+  if (m_blocked || m_video_enc == nullptr) return 0;
+  return m_video_enc->write_video_frame(m_oc.get(), &m_video_st, nullptr);
+}
+
+int MovieMuxer::encode_video(AVFrame* frame, const AVRational* tb, MR::Taken* taken) {
+  if (m_blocked || m_video_enc == nullptr) {
+    taken->drop(m_blocked ? MR::Drop::kNotStarted : MR::Drop::kDisabled);
+    return 0;
+  }
+  if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_video_st.enc->time_base);
+  const int64_t last = m_last_v_pts;
+  if (frame->pts <= last) {
+    MERU_LOG(5, "@@@ V pts: %lld  (frame->pts <= g_last_v_pts %lld)", static_cast<long long>(frame->pts),
+             static_cast<long long>(last));
+    MR::report_drop("video frame", MR::Drop::kTimestamp, taken->drop(MR::Drop::kTimestamp),
+                    "it is less than a frame after the last one");
+    return 0;
+  }
+  m_last_v_pts = frame->pts;
+  m_writer->m_encoder_delay.pushed(av_rescale_q(frame->pts, m_video_st.enc->time_base, kUsec));
+  return m_video_enc->write_video_frame(m_oc.get(), &m_video_st, frame, taken);
 }
 
 int MovieMuxer::write_audio_frame(AVFrame* frame, const AVRational* tb) {

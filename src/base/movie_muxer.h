@@ -62,7 +62,8 @@ class MovieMuxer : public MovieBase {
 
   /// Encodes one frame; null drains the encoder. `tb` is the time base of the frame's stamp, null when it is the
   /// encoder's. Video stamps must rise. @return the encoder's result, 0 when the frame was dropped
-  int write_video_frame(AVFrame* frame, const AVRational* tb);
+  /// @param taken  the caller's account of this frame, settled here; null when the frame is yet to be counted
+  int write_video_frame(AVFrame* frame, const AVRational* tb, MR::Taken* taken = nullptr);
   int write_audio_frame(AVFrame* frame, const AVRational* tb);
   /// As write_audio_frame, for samples that the books count as taken already.
   int encode_audio_frame(AVFrame* frame, const AVRational* tb);
@@ -118,6 +119,7 @@ class MovieMuxer : public MovieBase {
   void open_snapshot(const MovieInfo& info);
   void write_header(const MovieInfo& info);
   void accept_frames(const MovieInfo& info, StartCtx* ctx);
+  int encode_video(AVFrame* frame, const AVRational* tb, MR::Taken* taken);
   void close_output();
   void publish_books() const;
   void limit_outputs();

@@ -184,6 +184,7 @@ void MovieMuxer::open_streams(OpenedStreams opened, const MovieInfo& info) {
   if (m_have_video != 0) opened.video->open_video(m_oc.get(), m_video_codec, &m_video_st, m_opt.get(), info);
   if (m_have_audio != 0) opened.audio->open_audio(m_oc.get(), m_audio_codec, &m_audio_st, m_opt.get(), info);
   m_video_enc = std::move(opened.video);
+  if (m_video_enc != nullptr) m_video_enc->keep_books(&m_books.video_frames);
   m_audio_enc = std::move(opened.audio);
 }
 

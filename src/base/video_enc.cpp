@@ -111,6 +111,7 @@ bool VideoEnc::accepts(const OutputStream& ost, const AVFrame& frame) const {
 }
 
 int VideoEnc::write_packet(OutputStream* ost, AVPacket* packet) {
+  --m_held;
   packet->stream_index = ost->st->index;
   const int ret = m_writer->writePacket(&ost->enc->time_base, packet, false);
   av_packet_unref(packet);
@@ -119,24 +120,50 @@ int VideoEnc::write_packet(OutputStream* ost, AVPacket* packet) {
   return kPacketRefused;
 }
 
-int VideoEnc::write_video_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame) {
-  if (oc == nullptr) return -1;
+int VideoEnc::write_video_frame(AVFormatContext* oc, OutputStream* ost, AVFrame* frame, MR::Taken* taken) {
+  MR::Ledger nowhere;
+  MR::Taken uncounted(&nowhere, 1);
+  if (taken == nullptr) taken = &uncounted;
+  if (oc == nullptr) {
+    taken->drop(MR::Drop::kNotStarted);
+    return -1;
+  }
   AVPacket packet;
   meru_compat::init_packet(&packet);
-  if (frame != nullptr && m_filter != nullptr) frame = m_filter->on_video_frame(frame);
-  if (frame != nullptr && !accepts(*ost, *frame)) {
+  if (frame == nullptr) return drain(ost, &packet);
+  if (m_filter != nullptr) frame = m_filter->on_video_frame(frame);
+  if (frame == nullptr) {
+    taken->drop(MR::Drop::kFilter);
+    return drain(ost, &packet);
+  }
+  if (!accepts(*ost, *frame)) {
     MERU_LOG(2, "Error encoding video frame: %s\\n", "the image has not the size and the format that are encoded");
+    taken->drop(MR::Drop::kRefused);
     return -2;
   }
-  if (frame != nullptr) frame = check_frame_format(ost, frame);
-  if (frame == nullptr) return drain(ost, &packet);
+  frame = check_frame_format(ost, frame);
+  if (frame == nullptr) {
+    MR::report_drop("video frame", MR::Drop::kMemory, taken->drop(MR::Drop::kMemory), "it cannot be converted");
+    return 0;
+  }
+  return encode_frame(ost, frame, &packet, taken);
+}
 
-  const EncodeResult result = encode(ost->enc.get(), frame, &packet);
+int VideoEnc::encode_frame(OutputStream* ost, const AVFrame* frame, AVPacket* packet, MR::Taken* taken) {
+  const EncodeResult result = encode(ost->enc.get(), frame, packet);
   if (result.error < 0) {
     MERU_LOG(2, "Error encoding video frame: %s\\n", AvError(result.error).text);
+    taken->drop(MR::Drop::kEncoder);
     return -2;
   }
-  return result.got_packet ? write_packet(ost, &packet) : 0;
+  if (result.accepted) {
+    taken->pass();
+    ++m_held;
+  } else {
+    MR::report_drop("video frame", MR::Drop::kEncoder, taken->drop(MR::Drop::kEncoder),
+                    "the encoder has been drained and accepts no more");
+  }
+  return result.got_packet ? write_packet(ost, packet) : 0;
 }
 
 int VideoEnc::drain(OutputStream* ost, AVPacket* packet) {
@@ -146,13 +173,25 @@ int VideoEnc::drain(OutputStream* ost, AVPacket* packet) {
     const EncodeResult result = encode(ost->enc.get(), nullptr, packet);
     if (result.error < 0) {
       MERU_LOG(2, "Error encoding video frame: %s\\n", AvError(result.error).text);
+      settle_held_frames();
       return -2;
     }
-    if (!result.got_packet) return written;
+    if (!result.got_packet) {
+      settle_held_frames();
+      return written;
+    }
     const int ret = write_packet(ost, packet);
     if (ret < 0) return ret;
     ++written;
   }
+}
+
+void VideoEnc::settle_held_frames() {
+  if (m_held > 0 && m_books != nullptr) {
+    MR::report_drop("video frame", MR::Drop::kEncoder, m_books->take_back(MR::Drop::kEncoder, m_held),
+                    "the encoder has not returned all that it accepted");
+  }
+  m_held = 0;
 }
 
 AVFrame* VideoEnc::get_video_frame_test(OutputStream* ost, const AVRational& tb) {

@@ -111,6 +111,12 @@ bool MovieCapture2::accepts_frames() const {
   return !m_clock.is_paused();
 }
 
+bool MovieCapture2::accepts_video(MR::Taken* taken) const {
+  if (accepts_frames()) return true;
+  taken->drop(m_start_ok ? MR::Drop::kPaused : MR::Drop::kNotStarted);
+  return false;
+}
+
 IOCvt* MovieCapture2::iocvt() {
   // Not std::call_once: with some C libraries an exception leaves it locked for good.
   const std::lock_guard<std::mutex> lock(m_iocvt_mutex);
@@ -119,12 +125,13 @@ IOCvt* MovieCapture2::iocvt() {
 }
 
 int MovieCapture2::fill_video_frame(void* bgra, int nbytes, long long pts_usec, int linesize) {
+  MR::Taken taken(&books().video_frames, 1);
   m_clock.note_first(pts_usec);
-  if (!accepts_frames()) return 0;
+  if (!accepts_video(&taken)) return 0;
   MERU_LOG(5, "nb=%d, pts=%lld", nbytes, pts_usec);
   const int64_t t = m_clock.stream_time(pts_usec);
   m_last_video_pts = t;
-  return iocvt()->fill_video_bgra(bgra, nbytes, t, linesize);
+  return iocvt()->fill_video_bgra(bgra, nbytes, t, linesize, &taken);
 }
 
 int64_t MovieCapture2::samples_in(int nbytes) const {
@@ -196,13 +203,14 @@ int MovieCapture2::fill_audio_frame(void* pcm, int nbytes, long long pts_usec) {
 }
 
 int MovieCapture2::fill_video_frame(AVFrame* frame, const AVRational& tb) {
+  MR::Taken taken(&books().video_frames, 1);
   const int64_t usec = av_rescale_q(frame->pts, tb, kUsec);
   m_clock.note_first(usec);
-  if (!accepts_frames()) return 0;
+  if (!accepts_video(&taken)) return 0;
   const int64_t t = m_clock.stream_time(usec);
   m_last_video_pts = t;
   frame->pts = t;
-  return iocvt()->fill_video_frame(frame, &kUsec);
+  return iocvt()->fill_video_frame(frame, &kUsec, &taken);
 }
 
 int MovieCapture2::fill_audio_frame(AVFrame* frame, const AVRational& tb) {

@@ -63,6 +63,7 @@ class MovieCapture2 : public MovieMuxer {
   bool accepts_samples(int64_t count);
   template <class Push>
   int push_samples(int64_t count, const Push& push);
+  bool accepts_video(MR::Taken* taken) const;
   IOCvt* iocvt();
   IOCvt* iocvt_for_samples();
   AVFrame* audio_rest();

@@ -1,5 +1,7 @@
 #include "common/books.h"
 
+#include "common/log_site.h"
+
 namespace MR {
 
 namespace {
@@ -13,6 +15,10 @@ const char* drop_text(Drop reason) {
       "not started", "paused",  "no such track", "refused",       "timestamp",     "filter",       "encoder",
       "damaged",     "overlap", "left over",     "failed output", "queue aborted", "out of memory"};
   return kTexts[static_cast<size_t>(reason)];
+}
+
+void report_drop(const char* what, Drop reason, bool first, const char* why) {
+  if (first) MERU_LOG(2, "%s dropped (%s): %s; others are only counted", what, drop_text(reason), why);
 }
 
 bool Ledger::take_back(Drop reason, int64_t count) {

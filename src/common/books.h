@@ -33,6 +33,8 @@ enum class Drop {
 
 /// @return the reason as a log prints it
 MERU_EXPORT const char* drop_text(Drop reason);
+/// One line in the log, if it is the first drop for that reason: "WHAT dropped (REASON): WHY; others are only counted".
+void report_drop(const char* what, Drop reason, bool first, const char* why);
 
 /// One account: taken = passed + dropped. The unit (frames, samples, bytes, packets) is that of whoever counts. Any
 /// thread.
@@ -69,9 +71,14 @@ class Taken {
   Taken(const Taken&) = delete;
   Taken& operator=(const Taken&) = delete;
 
-  void drop(Drop reason) {
+  void pass() {
     m_settled = true;
-    m_ledger->drop(reason, m_count);
+    m_ledger->pass(m_count);
+  }
+  /// @return whether this is the first drop for that reason
+  bool drop(Drop reason) {
+    m_settled = true;
+    return m_ledger->drop(reason, m_count);
   }
   /// Somebody else passes or drops it.
   void settled() { m_settled = true; }
