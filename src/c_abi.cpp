@@ -61,6 +61,8 @@ MERU_PLAIN(AVFrame*, MERU_generate_testing_aFrame, (void* session, const AVRatio
 MERU_PLAIN(void*, MERU2_start, (const MovieInfo2* info, MovieStatusCallback cb, void* user), (*info, cb, user))
 MERU_PLAIN(bool, MERU2_write_video_packet, (void* session, void* data, int size, long long pts),
            (session, data, size, pts))
+MERU_PLAIN(bool, MERU2_write_video_packet_ts, (void* session, void* data, int size, long long pts, long long dts),
+           (session, data, size, pts, dts))
 MERU_PLAIN(bool, MERU2_write_audio_packet, (void* session, void* data, int size, long long pts),
            (session, data, size, pts))
 MERU_PLAIN(void, MERU2_stop, (void** session), (session))

@@ -3,6 +3,7 @@
 
 #include "common/log_site.h"
 #include "meru/raw_packets.h"
+#include "meru/session.h"
 #include "raw_packets/av_packet_mux.h"
 
 namespace {
@@ -24,6 +25,10 @@ void* MERU2_start(const MovieInfo2& info, MovieStatusCallback cb, void* user) {
 
 bool MERU2_write_video_packet(void* handle, void* data, int size, long long pts) {
   return handle != nullptr && push_data(as_session(handle)->video(), data, size, pts);
+}
+
+bool MERU2_write_video_packet_ts(void* handle, void* data, int size, long long pts, long long dts) {
+  return handle != nullptr && push_data_ts(as_session(handle)->video(), data, size, pts, dts);
 }
 
 bool MERU2_write_audio_packet(void* handle, void* data, int size, long long pts) {

@@ -9,5 +9,6 @@
 #include "meru/raw_packets.h"
 #include "meru/recording.h"
 #include "meru/repair.h"
+#include "meru/session.h"
 
 #endif

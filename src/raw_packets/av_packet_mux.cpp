@@ -80,7 +80,7 @@ class AVPacketMux::Opening {
 };
 
 AVPacketMux::AVPacketMux() = default;
-AVPacketMux::~AVPacketMux() = default;
+AVPacketMux::~AVPacketMux() { m_books.publish(&m_video, &m_audio); }
 
 void AVPacketMux::start(const MovieInfo2& info, MovieStatusCallback cb, void* user) {
   m_info = info;
@@ -97,8 +97,10 @@ void AVPacketMux::start(const MovieInfo2& info, MovieStatusCallback cb, void* us
   m_relay = std::make_unique<StatusRelay>(cb, user);
   m_network = strstr(m_info.url, "://") != nullptr && strncmp(m_info.url, "file:", 5) != 0;
   // Nobody reads a medium that is not announced: its host would wait for ever when the queue is full.
-  if (!is_set(m_info.video_format)) m_video.abort();
-  if (!is_set(m_info.audio_format)) m_audio.abort();
+  m_video.m_announced = is_set(m_info.video_format);
+  m_audio.m_announced = is_set(m_info.audio_format);
+  if (!m_video.m_announced) m_video.abort();
+  if (!m_audio.m_announced) m_audio.abort();
   try {
     m_thread = std::make_unique<std::thread>(&AVPacketMux::worker, this);
   } catch (const std::exception& e) {
@@ -238,7 +240,8 @@ bool AVPacketMux::open_input(InputBuffer* ib, const char* format, InputBuffer* o
   const auto result = open_input_buffer(ib, format, other);
   if (result.has_error) return fail(result.code, result.message);
   ctx->reset(result.value);
-  return true;
+  const char* refused = refused_timestamps(*ib, result.value->streams[0]->codecpar->video_delay > 0);
+  return refused == nullptr || fail(AVERROR(EINVAL), refused);
 }
 
 AVStream* AVPacketMux::add_stream(const AVFormatContext* input) {
@@ -273,6 +276,7 @@ void AVPacketMux::describe_bare_sound() {
 
 bool AVPacketMux::add_streams() {
   if (m_video_ctx != nullptr) m_video_ost = add_stream(m_video_ctx.get());
+  m_reorders = m_video_ost != nullptr && announce_reordering(m_video_ost->codecpar);
   if (m_audio_ctx != nullptr) m_audio_ost = add_stream(m_audio_ctx.get());
   if (m_audio_ost != nullptr && wants_bare_sound()) describe_bare_sound();
   const bool complete =
@@ -337,8 +341,10 @@ bool AVPacketMux::write_header() {
 void AVPacketMux::copy_packets() {
   MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
   MuxInput audio{"aac", m_audio_ctx.get(), &m_audio, m_audio_ost};
+  video.reorders = m_reorders;
   audio.bare = m_bare_sound;
-  const int copied = CopyLoop(&video, &audio, m_writer.get()).run();
+  CopyLoop loop(&video, &audio, m_writer.get());
+  const int copied = loop.run();
   // Before the writing threads are waited for: one of them may be telling the host, whose callback may push.
   send_pushes_away();
   const int ret = m_writer->writeTailer();
@@ -347,13 +353,16 @@ void AVPacketMux::copy_packets() {
   const bool told = m_writer->failed();
   drop_writer();
   // The movie is complete as far as it goes, but packets that were pushed are not in it.
-  if (copied == AVERROR(ENOMEM) && !told) m_relay->report(copied, AvError(copied).text);
+  if (told) return;
+  if (loop.refused() != nullptr) m_relay->report(copied, loop.refused());
+  if (copied == AVERROR(ENOMEM)) m_relay->report(copied, AvError(copied).text);
 }
 
 /// Ends the writing threads; what they have been given is written before.
 void AVPacketMux::drop_writer() {
   if (m_writer == nullptr) return;
   m_writer->stop();
+  m_books.keep_outputs(*m_writer, m_info.url, {std::begin(m_info.other_urls), std::end(m_info.other_urls)});
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_writer.reset();
 }

@@ -17,6 +17,7 @@
 #include "raw_packets/expected.h"
 #include "raw_packets/input_buffer.h"
 #include "raw_packets/open_input.h"
+#include "raw_packets/session_books.h"
 
 class Snapshot;
 namespace MR {
@@ -95,6 +96,8 @@ class AVPacketMux {
   std::unique_ptr<Snapshot> m_snapshot;
   AVStream* m_video_ost = nullptr;
   AVStream* m_audio_ost = nullptr;
+  SessionBooks m_books;
+  bool m_reorders = false;    // frames of video may come in another order than they are shown
   bool m_bare_sound = false;  // frames of sound are written without their headers
   MR::StartGate m_gate;       // of the local files that the opening creates
   IoInterrupt m_interrupt;    // of the main output

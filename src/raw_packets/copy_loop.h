@@ -1,25 +1,12 @@
 #pragma once
 
-#include <cstdint>
-#include <limits>
-#include <map>
+#include <array>
+#include <cstddef>
+#include <memory>
 
 #include "base/base_writer.h"
 #include "common/ffmpeg_handles.h"
-#include "raw_packets/input_buffer.h"
-
-/// One input of a session of packets, as the copying sees it.
-struct MuxInput {
-  const char* name;           ///< for the log
-  AVFormatContext* ifmt_ctx;  ///< its demuxer, null when there is none
-  InputBuffer* buffer;
-  AVStream* ost;                                            ///< the output stream made for it
-  bool bare = false;                                        ///< frames of sound are written without their headers
-  int64_t last_pts = 0;                                     ///< of the packet written last, microseconds
-  int64_t step = 0;                                         ///< from the one before it to that packet
-  int64_t last_tick = std::numeric_limits<int64_t>::min();  ///< the same packet's stamp as the output has it
-  bool damaged = false;                                     ///< something in it was no packet
-};
+#include "raw_packets/input_reader.h"
 
 /// Copies packets from the inputs to a writer, the smallest time stamp first, until all inputs have ended.
 ///
@@ -33,23 +20,33 @@ class CopyLoop {
   /// Ends at the end of all inputs, or at the first error behind their first packets, which it logs. @return 0 or the
   /// error
   int run();
+  /// @return why an input cannot be recorded, for the host; null unless that has ended the run
+  const char* refused() const { return m_refused; }
 
  private:
+  /// An input that has a demuxer.
+  struct Side {
+    MuxInput* input = nullptr;
+    std::unique_ptr<InputReader> reader;
+    PacketPtr pending;
+  };
+
   void copy();
   void prime();
   bool rests() const;
+  bool any_pending() const;
   bool read_rested();
-  int read(MuxInput* input);
-  int read_undamaged(MuxInput* input);
-  static void note_damage(MuxInput* input, int error);
-  bool read_next(MuxInput* input);
+  bool read_next(Side* side);
   void note_failure(const char* doing, int error);
-  MuxInput* earliest() const;
+  void note_read_failure(const Side& side, int error);
+  Side* earliest();
   int write(MuxInput* input, AVPacket* packet);
+  bool drop_late(MuxInput* input, const AVPacket* packet);
+  void settle();
 
   MuxInput* m_inputs[2];
   BaseWriter* m_writer;
   int m_error = 0;
-  PacketPtr m_work;
-  std::map<AVFormatContext*, PacketPtr> m_pending;
+  const char* m_refused = nullptr;
+  std::array<Side, 2> m_sides;
 };

@@ -1,6 +1,8 @@
 #include "raw_packets/open_input.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 
 extern "C" {
@@ -12,8 +14,11 @@ namespace {
 constexpr int kIoBufferSize = 32768;
 
 /// What may come before the parameters of a stream are known. Bounds the memory that a host can fill with a stream in
-/// which they are never found; at 50 Mbit/s it is 40 seconds.
-constexpr int64_t kMaxProbed = int64_t{256} << 20;
+/// which they are never found, and the time until it is told so. A first frame may be larger than what comes before it.
+constexpr int64_t kMaxProbed = int64_t{8} << 20;
+constexpr int64_t kMaxFirstFrame = int64_t{64} << 20;
+/// The same for formats whose parameters only their demuxer recognizes.
+constexpr int64_t kMaxProbedOther = int64_t{256} << 20;
 
 using Result = nuv::Expected_<AVFormatContext*>;
 
@@ -50,6 +55,35 @@ int find_stream(AVFormatContext* ctx) {
   return unknown ? AVERROR_INVALIDDATA : 0;
 }
 
+/// @return whether the stream may go on by so many bytes
+bool is_allowed(InputBuffer* ib, int count) {
+  ib->m_allowed -= count;
+  const bool allowed = ib->m_allowed >= 0 && !(ib->m_needs_start_codes && ib->length_prefixed());
+  ib->m_refused = ib->m_refused || !allowed;
+  return allowed;
+}
+
+void expect_format(InputBuffer* ib, const char* format) {
+  const bool h264 = std::strcmp(format, "h264") == 0;
+  const bool aac = std::strcmp(format, "aac") == 0;
+  ib->m_beginning = Beginning(format);
+  ib->m_allowed = h264 || aac ? kMaxProbed : kMaxProbedOther;
+  ib->m_needs_start_codes = h264;
+}
+
+/// @return the result of an opening that failed. A stream of another kind than announced is no failure of FFmpeg's.
+Result refused(InputBuffer* ib, const char* format, const Result& failure) {
+  if (!ib->m_refused) return failure;
+  Result result;
+  if (ib->m_needs_start_codes && ib->length_prefixed()) {
+    return result.set_error(AVERROR(EINVAL),
+                            "the packets of '%s' have length fields (AVCC), where start codes (Annex B) are needed",
+                            format);
+  }
+  return result.set_error(AVERROR(EINVAL), "no parameters of '%s' in %lld bytes of its packets", format,
+                          static_cast<long long>(ib->m_read_bytes));
+}
+
 }  // namespace
 
 void CloseReadIo::operator()(AVIOContext* io) const noexcept {
@@ -69,9 +103,11 @@ int avio_read_buffer(void* opaque, unsigned char* buf, int size) {
   ib->m_gave_way = at_hand == 0;
   if (ib->m_gave_way) return AVERROR_EOF;
   const int count = std::min(size, at_hand);
-  ib->m_allowed -= count;
-  if (ib->m_allowed >= 0 && ib->_read_nbytes_(buf, count, true, 0) == nuv::kReadDone) {
+  if (is_allowed(ib, count) && ib->_read_nbytes_(buf, count, true, 0) == nuv::kReadDone) {
+    ib->m_read_bytes += count;
+    const bool had_begun = ib->m_beginning.is_complete();
     ib->m_beginning.read(buf, static_cast<size_t>(count));
+    if (!had_begun && ib->m_beginning.is_complete() && ib->m_needs_start_codes) ib->m_allowed = kMaxFirstFrame;
     return count;
   }
   ib->m_eof = true;
@@ -96,15 +132,19 @@ Result open_input_buffer(InputBuffer* ib, const char* format, InputBuffer* other
     return result.set_error(AVERROR_MUXER_NOT_FOUND, "could not find input format '%s'", format);
   }
 
-  ib->m_beginning = Beginning(format);
-  ib->m_allowed = kMaxProbed;
+  expect_format(ib, format);
   AVFormatContext* ctx = fresh.release();
   ctx->pb = io.get();
-  ctx->flags = AVFMT_FLAG_CUSTOM_IO;
+  // A demuxer of ADTS finds whole frames. A parser behind it would number their bytes without those that were skipped.
+  const bool aac = std::strcmp(format, "aac") == 0;
+  ctx->flags = AVFMT_FLAG_CUSTOM_IO | (aac ? AVFMT_FLAG_NOPARSE : 0);
   // How far a demuxer looks for its first packet and, that of sound, ever looks for the next one behind garbage.
   ctx->probesize = std::numeric_limits<int64_t>::max();
   int ret = avformat_open_input(&ctx, nullptr, found, nullptr);  // frees the context when it fails
-  if (ret < 0) return result.set_error(ret, "Could not open input '%s': %s", format, AvError(ret).text);
+  if (ret < 0) {
+    result.set_error(ret, "Could not open input '%s': %s", format, AvError(ret).text);
+    return refused(ib, format, result);
+  }
   InputContextPtr opened(ctx);
   io.release();  // NOLINT(bugprone-unused-return-value): closed with the context
   // The parser gives a picture out when the next one begins, which may be a minute later, or never. The search cannot
@@ -112,7 +152,11 @@ Result open_input_buffer(InputBuffer* ib, const char* format, InputBuffer* other
   ib->give_way_to(other);
   ret = find_stream(ctx);
   ib->m_beginning = Beginning();
-  if (ret < 0) return result.set_error(ret, "could not find stream information for '%s'", format);
+  if (ret < 0) {
+    result.set_error(ret, "could not find stream information for '%s'", format);
+    return refused(ib, format, result);
+  }
+  ib->m_needs_start_codes = false;
   ib->m_allowed = std::numeric_limits<int64_t>::max();
   av_dump_format(ctx, 0, format, 0);
   return result.set_value(opened.release());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 extern "C" {
@@ -13,3 +15,10 @@ std::string with_long_start_codes(const std::string& annex_b);
 /// leaves three, which a side index must not hold: its readers look for four.
 /// @return 0 or a negative error
 int lengthen_start_codes(AVCodecParameters* par);
+
+/// @return whether a packet is H.264 as movies keep it (a length before each NAL unit, or the parameter record of such
+/// a stream) instead of with start codes. Nothing that begins with a start code is.
+bool looks_length_prefixed(const uint8_t* data, size_t size);
+
+/// @return whether an access unit with start codes is an IDR frame
+bool begins_sequence(const uint8_t* data, size_t size);

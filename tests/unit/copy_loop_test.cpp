@@ -109,6 +109,7 @@ TEST_F(CopyLoopTest, PacketsKeepTheirBytesAndGetTheHostsStamps) {
   EXPECT_FALSE(packets[1].key);
 }
 
+/// Nothing is before the first packet: it keeps the demuxer's.
 TEST_F(CopyLoopTest, DurationIsTheTimeSinceThePacketBefore) {
   struct Seen : FakeWriter {
     std::vector<int64_t> durations;
@@ -123,7 +124,7 @@ TEST_F(CopyLoopTest, DurationIsTheTimeSinceThePacketBefore) {
   MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
   MuxInput audio{"aac", nullptr, &m_audio, nullptr};
   CopyLoop(&video, &audio, &writer).run();
-  EXPECT_EQ(writer.durations, (std::vector<int64_t>{100, 100, 150, 250}));
+  EXPECT_EQ(writer.durations, (std::vector<int64_t>{33333, 100, 150, 250}));
   EXPECT_EQ(writer.positions, (std::vector<int64_t>{-1, -1, -1, -1}));
 }
 
@@ -136,11 +137,11 @@ TEST_F(CopyLoopTest, DurationThatContainersRefuseIsLeftOut) {
     }
   } writer;
   constexpr int64_t kLongest = INT32_MAX;
-  fill_video(with_stamps(s_video, {kLongest, 2 * kLongest, 3 * kLongest + 1, 3 * kLongest + 5}));
+  fill_video(with_stamps(s_video, {5, kLongest + 5, 2 * kLongest + 6, 2 * kLongest + 10}));
   MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
   MuxInput audio{"aac", nullptr, &m_audio, nullptr};
   CopyLoop(&video, &audio, &writer).run();
-  EXPECT_EQ(writer.durations, (std::vector<int64_t>{kLongest, kLongest, 0, 4}));
+  EXPECT_EQ(writer.durations, (std::vector<int64_t>{33333, kLongest, 0, 4}));
 }
 
 TEST_F(CopyLoopTest, SmallestStampComesFirst) {
@@ -168,17 +169,15 @@ TEST_F(CopyLoopTest, OfEqualStampsTheSameInputAlwaysComesFirst) {
   }
 }
 
-/// Three access units in one push: one stamp for three packets, so that two stay unused behind the others.
-TEST_F(CopyLoopTest, StampsBeyondThePacketsStayUnused) {
+/// One access unit in two pushes: the second push begins none, and its timestamp is not given to the next.
+TEST_F(CopyLoopTest, StampOfAPushThatBeginsNoPacketStaysUnused) {
   RawPackets packets = with_stamps(s_video, {100, 200, 300, 400});
   const std::string parts = packets[1].data;
   packets[1].data = parts.substr(0, 10);
   packets.insert(packets.begin() + 2, {parts.substr(10), 210});
   fill_video(packets);
-  EXPECT_EQ(stamps_of(run(), 0), (Stamps{100, 200, 210, 300}));
-  long long left = 0;
-  EXPECT_EQ(m_video.m_pts_queue._get_front_(left, false, 0, true), nuv::kQueueDone);
-  EXPECT_EQ(left, 400);
+  EXPECT_EQ(stamps_of(run(), 0), (Stamps{100, 200, 300, 400}));
+  Stamp left{};
   EXPECT_EQ(m_video.m_pts_queue._get_front_(left, false, 0, true), nuv::kQueueEmpty);
 }
 
@@ -216,11 +215,19 @@ TEST_F(CopyLoopTest, StampsThatTheOutputCannotTellApartAreMovedByATick) {
   EXPECT_EQ(packets[5].pts, 5000);
 }
 
-TEST_F(CopyLoopTest, StampThatFallsIsLeftToTheWriter) {
+TEST_F(CopyLoopTest, PacketThatComesTooLateIsDroppedAndCounted) {
   m_video_ost->time_base = kMilliseconds;
   RawPackets packets = with_stamps(s_video, {10000, 20000, 30000, 40000, 50000, 60000, 70000, 5000});
   fill_video(packets);
-  EXPECT_EQ(stamps_of(run(), 0), (Stamps{10000, 5000, 20000, 30000, 40000, 50000, 60000, 70000}));
+  EXPECT_EQ(stamps_of(run(), 0), (Stamps{10000, 20000, 30000, 40000, 50000, 60000, 70000}));
+  const MR::Ledger& ledger = m_video.m_books.packets;
+  EXPECT_EQ(ledger.taken(), 8);
+  EXPECT_EQ(ledger.passed(), 7);
+  EXPECT_EQ(ledger.dropped(MR::Drop::kTimestamp), 1);
+  EXPECT_EQ(m_log.count(2,
+                        "a packet of 'h264' is dropped: its timestamp 5000 is not later than the last one written, "
+                        "10000"),
+            1);
 }
 
 TEST_F(CopyLoopTest, WriteErrorEndsTheCopying) {

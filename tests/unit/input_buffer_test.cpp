@@ -28,12 +28,12 @@ class InputBufferTest : public testing::Test {
   /// Takes a packet out of the stream with its stamp, which has to be there.
   int64_t pop() {
     nuv::MRMemNode* node = nullptr;
-    long long pts = -1;
+    Stamp stamp{};
     if (m_buffer._get_front_(node, false, 0, true) != nuv::kQueueDone) return kNothing;
-    EXPECT_EQ(m_buffer.m_pts_queue._get_front_(pts, false, 0, true), nuv::kQueueDone);
-    EXPECT_EQ(node->pts, pts);
+    EXPECT_EQ(m_buffer.m_pts_queue._get_front_(stamp, false, 0, true), nuv::kQueueDone);
+    EXPECT_EQ(node->pts, stamp.pts);
     InputBuffer::free_node(node);
-    return pts;
+    return stamp.pts;
   }
   std::vector<int64_t> pop_all() {
     std::vector<int64_t> stamps;
@@ -189,9 +189,9 @@ TEST_F(InputBufferTest, StampIsThereBeforeThePacket) {
   for (int i = 0; i < kPackets; ++i) {
     nuv::MRMemNode* node = nullptr;
     ASSERT_EQ(m_buffer._get_front_(node, true, 0, true), nuv::kQueueDone);
-    long long pts = -1;
-    EXPECT_EQ(m_buffer.m_pts_queue._get_front_(pts, false, 0, true), nuv::kQueueDone);
-    EXPECT_EQ(pts, i);
+    Stamp stamp{};
+    EXPECT_EQ(m_buffer.m_pts_queue._get_front_(stamp, false, 0, true), nuv::kQueueDone);
+    EXPECT_EQ(stamp.pts, i);
     EXPECT_EQ(node->pts, i);
     InputBuffer::free_node(node);
   }
