@@ -127,6 +127,8 @@ int InputBuffer::bytes_at_hand() {
     if (result == nuv::kQueueEmpty && begun && other_is_full()) return 0;
   }
   if (result != nuv::kQueueDone || front == nullptr) return 1;
+  // What is at the front is not in anybody's hands but this thread's, and is looked at once: it is read from now.
+  if (m_guarded && front->size > 0) m_guard.check(front->data, static_cast<size_t>(front->size));
   return std::max(front->size, 1);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/books.h"
+#include "raw_packets/adts.h"
 #include "raw_packets/beginning.h"
 #include "raw_packets/blocking_queue.h"
 #include "raw_packets/packet_stream_queue.h"
@@ -71,6 +72,7 @@ class InputBuffer : public nuv::MRPacketQueue {
   bool m_eof = false;       ///< reading thread: the stream has ended
   bool m_gave_way = false;  ///< reading thread: waiting ended for the other medium
   int64_t m_allowed = std::numeric_limits<int64_t>::max();  ///< reading thread: bytes until the stream is cut off
+  bool m_guarded = false;                                   ///< reading thread: damaged frames of AAC are wiped out
   bool m_needs_start_codes = false;                         ///< reading thread: length-prefixed packets end the stream
   bool m_refused = false;    ///< reading thread: the stream ended because it is none of the expected kind
   int64_t m_read_bytes = 0;  ///< reading thread: handed to the demuxer so far
@@ -85,6 +87,7 @@ class InputBuffer : public nuv::MRPacketQueue {
   void note_fall(int64_t pts);
   void drop(int size, MR::Drop reason);
 
+  AdtsGuard m_guard;                                            // reading thread
   InputBuffer* m_other = nullptr;                               // reading thread
   int64_t m_queued_bytes = 0;                                   // pushing thread
   int64_t m_last_pushed = std::numeric_limits<int64_t>::min();  // pushing thread

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "common/log_site.h"
+#include "raw_packets/adts.h"
 
 extern "C" {
 #include <libavcodec/adts_parser.h>
@@ -20,9 +21,6 @@ constexpr AVRational kUsec{1, 1000000};
 int64_t difference(int64_t later, int64_t earlier) {
   return static_cast<int64_t>(static_cast<uint64_t>(later) - static_cast<uint64_t>(earlier));
 }
-
-/// @return the size of a frame of sound as its header says, the header included
-int adts_frame_size(const uint8_t* header) { return (header[3] & 3) << 11 | header[4] << 3 | header[5] >> 5; }
 
 /// @return whether a packet is a frame of sound whose header is damaged, or says what nothing can unpack. Containers
 /// hold the frames without their headers, and the whole output fails when one cannot be taken off.
@@ -170,15 +168,19 @@ void InputReader::stamp(bool given) {
   m_duration = duration;
 }
 
-/// The demuxer's own timestamp, when the host has given no more. Otherwise the packet follows the one before it.
+/// The packet follows the one before it, ahead of what the host pushed next. The demuxer's own timestamp is more exact
+/// than a duration that is rounded, when nothing has come between.
 int64_t InputReader::own_stamp() {
   const AVPacket* const packet = m_unit.get();
-  if (packet->pts != AV_NOPTS_VALUE && !m_finder.has_more()) {
-    return av_rescale_q(packet->pts, m_input->ifmt_ctx->streams[0]->time_base, kUsec);
-  }
-  const int64_t step = packet->pts != AV_NOPTS_VALUE ? m_duration : m_step;
-  const int64_t next = m_last + std::max<int64_t>(step, 1);
-  return next <= kLastPts ? next : m_last + 1;
+  const bool timed = packet->pts != AV_NOPTS_VALUE;
+  const int64_t step = std::max<int64_t>(timed ? m_duration : m_step, 1);
+  int64_t next = m_last + step;
+  if (next > kLastPts) next = m_last + 1;
+  Stamp pushed{};
+  if (m_finder.peek(&pushed)) return std::min(next, pushed.dts - 1);
+  if (!timed) return next;
+  const int64_t own = av_rescale_q(packet->pts, m_input->ifmt_ctx->streams[0]->time_base, kUsec);
+  return own > next - step && own < next + step ? own : next;
 }
 
 /// Once as a failure: a stream of garbage would fill the log.
@@ -189,9 +191,10 @@ void InputReader::note_damage(int error) {
 
 void InputReader::log_skipped() const {
   const int64_t damaged = m_input->buffer->m_books.packets.dropped(MR::Drop::kDamaged);
-  if (m_finder.skipped_bytes() > 0 || damaged > 0) {
+  const int64_t skipped = m_finder.skipped_bytes();
+  if (skipped > 0 || damaged > 0) {
     MERU_LOG(2, "damage in '%s': %lld packets dropped, %lld bytes skipped", m_input->name,
-             static_cast<long long>(damaged), static_cast<long long>(m_finder.skipped_bytes()));
+             static_cast<long long>(damaged), static_cast<long long>(skipped));
   }
   if (m_finder.unused() > 0) {
     MERU_LOG(2, "%lld pushed packets of '%s' begin no frame", static_cast<long long>(m_finder.unused()), m_input->name);

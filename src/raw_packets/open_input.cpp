@@ -69,6 +69,7 @@ void expect_format(InputBuffer* ib, const char* format) {
   ib->m_beginning = Beginning(format);
   ib->m_allowed = h264 || aac ? kMaxProbed : kMaxProbedOther;
   ib->m_needs_start_codes = h264;
+  ib->m_guarded = aac;
 }
 
 /// @return the result of an opening that failed. A stream of another kind than announced is no failure of FFmpeg's.

@@ -41,4 +41,11 @@ bool StampFinder::find_at(int64_t position) {
 
 bool StampFinder::goes_on() const { return m_by_position && m_stamp.begin + m_stamp.size - m_end > kStartCode; }
 
-bool StampFinder::has_more() { return m_buffer->m_pts_queue.size() > 0; }
+bool StampFinder::peek(Stamp* next) const {
+  return m_buffer->m_pts_queue._get_front_(*next, false, 0, false) == nuv::kQueueDone;
+}
+
+int64_t StampFinder::skipped_bytes() const {
+  const bool over = m_by_position && m_buffer->m_eof;
+  return m_skipped + (over ? std::max<int64_t>(m_buffer->m_read_bytes - m_end, 0) : 0);
+}

@@ -20,11 +20,12 @@ class StampFinder {
   const Stamp& stamp() const { return m_stamp; }
   /// @return whether the pushed packet goes on after the last one
   bool goes_on() const;
-  /// @return whether more pushed packets are known than were found
-  bool has_more();
+  /// Looks at the next pushed packet. @return false when it is not known yet
+  bool peek(Stamp* next) const;
 
-  int64_t skipped_bytes() const { return m_skipped; }  ///< between the packets
-  int64_t unused() const { return m_unused; }          ///< pushed packets in which none begins
+  /// @return how many bytes were read and are in no packet: between the packets, and after the last one at the end
+  int64_t skipped_bytes() const;
+  int64_t unused() const { return m_unused; }  ///< pushed packets in which none begins
 
  private:
   bool find_at(int64_t position);

@@ -84,6 +84,8 @@ TEST_P(RawPacketsFailureTest, IsReportedOnceAndTheHostGoesOn) {
   }
 }
 
+const char* const kLengthFields =
+    "the packets of 'h264' have length fields (AVCC), where start codes (Annex B) are needed";
 const char* const kOpenText = "could not open output url 'URL': ";
 
 std::vector<FailureCase> output_failures() {
@@ -134,11 +136,17 @@ std::vector<FailureCase> output_failures() {
        [](Pushed* p) {
          for (RawPacket& packet : p->video) packet.data.assign(1000, '\0');
        }},
-      {"SixteenMebibytesOfGarbageForVideo", no_change, kInvalidData, "could not find stream information for 'h264'",
-       true,
+      {"SixteenMebibytesOfGarbageForVideo", no_change, -EINVAL,
+       "no parameters of 'h264' in 8388608 bytes of its packets", true,
        [](Pushed* p) {
          p->video = {{random_bytes(16 << 20, 1), 0}, {random_bytes(16 << 20, 2), 1}};
        }},
+      {"LengthsInsteadOfStartCodes", no_change, -EINVAL, kLengthFields, true,
+       [](Pushed* p) {
+         for (RawPacket& packet : p->video) packet.data = with_lengths(packet.data);
+       }},
+      {"RecordOfParametersFirst", no_change, -EINVAL, kLengthFields, true,
+       [](Pushed* p) { p->video[0].data = std::string("\1\x64\0\x1f\xff\xe1\0\4abcd\1\0\2ef", 17); }},
       {"ZeroBytesForAudio", no_change, kEndOfFile, "Could not open input 'aac': End of file", true,
        [](Pushed* p) {
          for (RawPacket& packet : p->audio) packet.data.assign(1000, '\0');
@@ -257,6 +265,32 @@ TEST(RawPacketsFullDiskTest, IsReportedWithTheSystemsErrorAndReleasesTheHost) {
   EXPECT_EQ(entries[1].code, -EFBIG);
   EXPECT_EQ(entries[1].text, "File too large");
   EXPECT_EQ(log.count(2, "error muxing packet: Operation not permitted"), 1);
+}
+
+/// The host need not push seven packets, or stop, to be told.
+TEST(WrongPacketsTest, AreReportedWithTheFirst) {
+  const TempDir dir;
+  const RawVideo video = make_video(dir, {1});
+  PacketHost host(raw_movie(dir.file("movie.mp4"), true, false));
+  host.push_video({with_lengths(video.packets[0].data), 0});
+  ASSERT_TRUE(eventually([&] { return host.status().entries().size() == 2; }));
+  EXPECT_EQ(host.status().entries()[1].code, -EINVAL);
+  EXPECT_EQ(host.status().entries()[1].text, kLengthFields);
+}
+
+/// Packets with lengths of which the first is no whole packet: found out by what never comes.
+TEST(WrongPacketsTest, AreReportedWithinEightMebibytes) {
+  const TempDir dir;
+  constexpr size_t kPacket = 64 << 10;
+  constexpr size_t kLimit = 8 << 20;
+  PacketHost host(raw_movie(dir.file("movie.mp4"), true, false));
+  // One packet more than are read, and what is held back.
+  for (size_t i = 0; i < kLimit / kPacket + 1 + 6; ++i) {
+    host.push_video({random_bytes(kPacket, static_cast<unsigned>(i)), static_cast<long long>(i)});
+  }
+  ASSERT_TRUE(eventually([&] { return host.status().entries().size() == 2; }));
+  EXPECT_EQ(host.status().entries()[1].code, -EINVAL);
+  EXPECT_EQ(host.status().entries()[1].text, "no parameters of 'h264' in 8388608 bytes of its packets");
 }
 
 }  // namespace
