@@ -1,6 +1,8 @@
 #include "packet_source.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
 #include "failure.h"
@@ -20,6 +22,7 @@ constexpr AVRational kUsec{1, 1000000};
 constexpr double kUsecPerSec = 1e6;
 constexpr double kUsualFps = 25;
 constexpr int kReadSize = 65536;
+constexpr size_t kAhead = 32;
 
 std::string av_text(int error) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -36,6 +39,15 @@ AVCodecID wanted_codec(PacketSource::Kind kind) {
 }
 
 const char* elementary_format(PacketSource::Kind kind) { return kind == PacketSource::kVideo ? "h264" : "aac"; }
+
+/// @return whether H.264 with start codes has a sequence parameter set
+bool has_sequence_parameters(const AVPacket& packet) {
+  for (int i = 0; i + 3 < packet.size; ++i) {
+    const uint8_t* at = packet.data + i;
+    if (at[0] == 0 && at[1] == 0 && at[2] == 1 && (at[3] & 0x1f) == 7) return true;
+  }
+  return false;
+}
 
 [[noreturn]] void fail(const std::string& path, int error) {
   throw Failure("cannot read " + path + ": " + av_text(error));
@@ -155,7 +167,6 @@ void PacketSource::check_codec() const {
   }
   const bool unknown = m_kind == kVideo ? par->width <= 0 : par->sample_rate <= 0;
   if (unknown) throw Failure(m_path + " holds no " + avcodec_get_name(wanted_codec(m_kind)) + " that can be read");
-  if (par->video_delay > 0) throw Failure(m_path + " has B-frames, which cannot be remuxed");
 }
 
 /// Movies keep H.264 with the length before each unit; parameter sets then stand apart from the packets.
@@ -170,10 +181,19 @@ void PacketSource::make_annex_b_filter() {
   check(m_path, av_bsf_init(filter));
 }
 
-int64_t PacketSource::start_usec() const {
-  if (m_elementary || m_stream->start_time == AV_NOPTS_VALUE) return 0;
-  return av_rescale_q(m_stream->start_time, m_stream->time_base, kUsec);
+int64_t PacketSource::start_usec() {
+  if (m_elementary) return 0;
+  read_ahead();
+  if (m_ahead.empty()) return INT64_MAX;
+  int64_t first = INT64_MAX;
+  for (const auto& packet : m_ahead) {
+    if (packet->pts != AV_NOPTS_VALUE) first = std::min(first, packet->pts);
+    if (packet->dts != AV_NOPTS_VALUE) first = std::min(first, packet->dts);
+  }
+  return first == INT64_MAX ? first : to_usec(first);
 }
+
+int64_t PacketSource::to_usec(int64_t ticks) const { return av_rescale_q(ticks, m_stream->time_base, kUsec); }
 
 /// The next packet of the medium as the file has it.
 bool PacketSource::read() {
@@ -198,17 +218,75 @@ bool PacketSource::read_filtered() {
   }
 }
 
-/// When the packet is due.
-int64_t PacketSource::stamp() {
-  if (!m_elementary) {
-    const int64_t pts = m_packet->pts != AV_NOPTS_VALUE ? m_packet->pts : m_packet->dts;
-    if (pts == AV_NOPTS_VALUE) throw Failure(m_path + " has packets without a time stamp");
-    if (m_packet->dts != AV_NOPTS_VALUE && m_packet->dts != pts && m_kind == kVideo && m_count > 0 &&
-        av_rescale_q(pts, m_stream->time_base, kUsec) < m_last_usec) {
-      throw Failure(m_path + " has B-frames, which cannot be remuxed");
-    }
-    return av_rescale_q(pts, m_stream->time_base, kUsec);
+/// Reads some packets of a movie ahead, so that its timestamps can be judged by more than the first.
+void PacketSource::read_ahead() {
+  while (!m_at_end && m_ahead.size() < kAhead) {
+    m_at_end = !read_filtered();
+    if (m_at_end) break;
+    m_ahead.emplace_back(av_packet_clone(m_packet.get()));
+    if (m_ahead.back() == nullptr) fail(m_path, AVERROR(ENOMEM));
   }
+  choose_timestamps();
+  if (m_exact) guess_dts();
+}
+
+/// Some containers keep only the time of decoding; the library then finds the order of presentation.
+void PacketSource::choose_timestamps() {
+  if (m_chosen) return;
+  m_chosen = true;
+  m_exact = m_kind == kVideo && std::all_of(m_ahead.begin(), m_ahead.end(),
+                                            [](const auto& packet) { return packet->pts != AV_NOPTS_VALUE; });
+}
+
+/// Others keep only the time of presentation, of which FFmpeg makes that of decoding, but for the first packets.
+void PacketSource::guess_dts() {
+  const auto known =
+      std::find_if(m_ahead.begin(), m_ahead.end(), [](const auto& packet) { return packet->dts != AV_NOPTS_VALUE; });
+  if (m_ahead.empty() || known == m_ahead.begin()) return;
+  const int64_t step = std::max<int64_t>(m_ahead.front()->duration, 1);
+  int64_t dts = 0;
+  if (known != m_ahead.end()) {
+    dts = (*known)->dts;
+  } else {
+    for (const auto& packet : m_ahead) dts = std::min(dts, packet->pts);
+  }
+  for (auto packet = known; packet != m_ahead.begin();) {
+    --packet;
+    dts = std::min(dts - step, (*packet)->pts);
+    (*packet)->dts = m_last_dts == INT64_MIN ? dts : std::max(dts, m_last_dts + 1);
+  }
+}
+
+/// Takes the next packet of a movie into m_packet.
+bool PacketSource::take_ahead() {
+  read_ahead();
+  if (m_ahead.empty()) return false;
+  av_packet_unref(m_packet.get());
+  av_packet_move_ref(m_packet.get(), m_ahead.front().get());
+  m_ahead.pop_front();
+  return true;
+}
+
+void PacketSource::stamp(Packet* packet) {
+  packet->exact = false;
+  if (m_elementary) {
+    packet->pts_usec = packet->dts_usec = elementary_stamp();
+    return;
+  }
+  const int64_t dts = m_packet->dts;
+  const int64_t pts = m_packet->pts;
+  const int64_t first_choice = m_kind == kVideo ? dts : pts;
+  const int64_t usual = first_choice != AV_NOPTS_VALUE ? first_choice : m_kind == kVideo ? pts : dts;
+  if (usual == AV_NOPTS_VALUE) throw Failure(m_path + " has packets without a time stamp");
+  m_last_dts = usual;
+  packet->dts_usec = packet->pts_usec = to_usec(usual);
+  if (!m_exact) return;
+  packet->exact = true;
+  if (pts != AV_NOPTS_VALUE) packet->pts_usec = to_usec(pts);
+}
+
+/// When the packet of an elementary stream is due.
+int64_t PacketSource::elementary_stamp() {
   if (m_kind == kVideo) return std::llround(static_cast<double>(m_count) * kUsecPerSec / m_fps);
   const int64_t begin = std::llround(m_sound_usec);
   constexpr double kUsualSamples = 1024;
@@ -218,10 +296,21 @@ int64_t PacketSource::stamp() {
   return begin;
 }
 
+/// A movie that was trimmed may begin with a key frame that is no IDR frame: no parameter sets come with it.
+void PacketSource::add_parameter_sets() {
+  if (m_filter == nullptr || m_count > 0 || has_sequence_parameters(*m_packet)) return;
+  const AVCodecParameters* par = m_filter->par_out;
+  if (par->extradata_size < 1) return;
+  const int size = m_packet->size;
+  check(m_path, av_grow_packet(m_packet.get(), par->extradata_size));
+  std::memmove(m_packet->data + par->extradata_size, m_packet->data, static_cast<size_t>(size));
+  std::memcpy(m_packet->data, par->extradata, static_cast<size_t>(par->extradata_size));
+}
+
 bool PacketSource::next(Packet* packet) {
-  if (!read_filtered()) return false;
-  packet->pts_usec = stamp();
-  m_last_usec = packet->pts_usec;
+  if (m_elementary ? !read_filtered() : !take_ahead()) return false;
+  add_parameter_sets();
+  stamp(packet);
   ++m_count;
   packet->data = m_packet->data;
   packet->size = m_packet->size;

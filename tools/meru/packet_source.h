@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,7 +23,9 @@ class PacketSource {
   struct Packet {
     const uint8_t* data = nullptr;  ///< valid until the next packet is read
     int size = 0;
-    int64_t pts_usec = 0;  ///< from the file's own beginning
+    int64_t pts_usec = 0;  ///< as the file has it
+    int64_t dts_usec = 0;  ///< the same as the pts unless `exact`
+    bool exact = false;    ///< both are the file's
   };
 
   /// @param elementary  whether the file is an elementary stream, stamped from 0 on
@@ -42,9 +45,10 @@ class PacketSource {
   static Contents look_into(const std::string& path);
 
   const std::string& path() const { return m_path; }
-  /// Where the medium begins in its file, in microseconds; to be taken off of all media of a movie alike.
-  int64_t start_usec() const;
-  /// @return false at the end. Throws a Failure when the file is damaged, or a movie has B-frames.
+  /// The smallest timestamp in microseconds, of decoding or presentation, which may be negative; to be taken off of all
+  /// media of a movie alike. INT64_MAX when there is no packet. Throws as next().
+  int64_t start_usec();
+  /// @return false at the end. Throws a Failure when the file is damaged.
   bool next(Packet* packet);
 
  private:
@@ -58,9 +62,16 @@ class PacketSource {
   void open(bool elementary);
   void check_codec() const;
   void make_annex_b_filter();
+  void add_parameter_sets();
   bool read();
   bool read_filtered();
-  int64_t stamp();
+  void read_ahead();
+  bool take_ahead();
+  void guess_dts();
+  void choose_timestamps();
+  int64_t to_usec(int64_t ticks) const;
+  void stamp(Packet* packet);
+  int64_t elementary_stamp();
 
   std::string m_path;
   Kind m_kind;
@@ -71,9 +82,12 @@ class PacketSource {
   std::unique_ptr<AVBSFContext, Free> m_filter;  // movies with H.264 in length-prefixed form
   std::unique_ptr<AdtsWriter> m_adts;            // movies with AAC
   AVStream* m_stream = nullptr;
-  int64_t m_count = 0;      // packets read
-  double m_sound_usec = 0;  // of an elementary stream, read so far
-  int64_t m_last_usec = 0;
+  int64_t m_count = 0;                                  // packets delivered
+  double m_sound_usec = 0;                              // of an elementary stream, read so far
+  std::deque<std::unique_ptr<AVPacket, Free>> m_ahead;  // of a movie: read, not delivered
+  bool m_at_end = false;                                // of a movie: all is read
+  bool m_chosen = false, m_exact = false;               // of a movie: whether both timestamps are used
+  int64_t m_last_dts = INT64_MIN;                       // of a movie, in its time base
 };
 
 }  // namespace meru_tool

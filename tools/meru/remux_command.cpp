@@ -17,7 +17,7 @@ namespace {
 constexpr char kDescription[] =
     "Copies H.264 and AAC into a movie or a live stream without encoding them again, from elementary streams or from "
     "a\n"
-    "movie. Streams that announce B-frames are refused. Ctrl-C ends early and completes what was read until then.";
+    "movie, B-frames included. Ctrl-C ends early and completes what was read until then.";
 
 void check(const RemuxOptions& o) {
   const bool elementary = !o.video.empty() || !o.audio.empty();

@@ -89,7 +89,7 @@ void Remuxer::push_all(Track* track) {
     while (track->source != nullptr && push_next(track)) {
     }
     // The library holds some back, and waits for more of them to begin with.
-    push(*track, nullptr, 0, 0);
+    push(*track, {});
   } catch (const std::exception& e) {
     note_failure(e.what());
   }
@@ -99,21 +99,24 @@ void Remuxer::push_all(Track* track) {
 bool Remuxer::push_next(Track* track) {
   PacketSource::Packet packet;
   if (m_pace.stopped() || !track->source->next(&packet)) return false;
-  const int64_t pts = packet.pts_usec - m_start_usec;
-  if (!m_pace.wait_turn(track->track, pts)) return false;
-  push(*track, packet.data, packet.size, pts);
+  packet.pts_usec -= m_start_usec;
+  packet.dts_usec -= m_start_usec;
+  if (!m_pace.wait_turn(track->track, packet.dts_usec)) return false;
+  push(*track, packet);
   ++track->packets;
-  track->time_usec = pts;
-  m_pace.advance(track->track, pts);
+  track->time_usec = std::max<int64_t>(track->time_usec, packet.pts_usec);
+  m_pace.advance(track->track, packet.dts_usec);
   return true;
 }
 
-void Remuxer::push(const Track& track, const uint8_t* packet, int size, int64_t pts) {
-  auto* data = const_cast<uint8_t*>(packet);  // the library only copies it
-  if (&track == &m_video) {
-    MERU2_write_video_packet(m_session, data, size, pts);
+void Remuxer::push(const Track& track, const PacketSource::Packet& packet) {
+  auto* data = const_cast<uint8_t*>(packet.data);  // the library only copies it
+  if (packet.exact) {
+    MERU2_write_video_packet_ts(m_session, data, packet.size, packet.pts_usec, packet.dts_usec);
+  } else if (&track == &m_video) {
+    MERU2_write_video_packet(m_session, data, packet.size, packet.dts_usec);
   } else {
-    MERU2_write_audio_packet(m_session, data, size, pts);
+    MERU2_write_audio_packet(m_session, data, packet.size, packet.pts_usec);
   }
 }
 

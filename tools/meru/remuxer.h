@@ -8,6 +8,7 @@
 #include <string>
 
 #include "meru/raw_packets.h"
+#include "meru/session.h"
 #include "outputs.h"
 #include "pace.h"
 #include "packet_source.h"
@@ -43,7 +44,7 @@ class Remuxer {
   static void on_status(int code, const char* text, void* user);
   void push_all(Track* track);
   bool push_next(Track* track);
-  void push(const Track& track, const uint8_t* packet, int size, int64_t pts);
+  void push(const Track& track, const PacketSource::Packet& packet);
   void note_failure(std::string text);
   std::string failure() const;
   Figures figures() const;
