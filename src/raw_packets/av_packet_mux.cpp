@@ -20,6 +20,7 @@
 #include "output/distinct_outputs.h"
 #include "output/local_file.h"
 #include "raw_packets/copy_loop.h"
+#include "raw_packets/session_books.h"
 #include "raw_packets/start_codes.h"
 
 namespace {
@@ -80,7 +81,7 @@ class AVPacketMux::Opening {
 };
 
 AVPacketMux::AVPacketMux() = default;
-AVPacketMux::~AVPacketMux() { m_books.publish(&m_video, &m_audio); }
+AVPacketMux::~AVPacketMux() { publish_books(&m_video, &m_audio, m_ended_writer.get()); }
 
 void AVPacketMux::start(const MovieInfo2& info, MovieStatusCallback cb, void* user) {
   m_info = info;
@@ -362,9 +363,8 @@ void AVPacketMux::copy_packets() {
 void AVPacketMux::drop_writer() {
   if (m_writer == nullptr) return;
   m_writer->stop();
-  m_books.keep_outputs(*m_writer, m_info.url, {std::begin(m_info.other_urls), std::end(m_info.other_urls)});
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_writer.reset();
+  m_ended_writer = std::move(m_writer);
 }
 
 /// Gives live outputs until m_deadline. Called with m_mutex held.

@@ -17,7 +17,6 @@
 #include "raw_packets/expected.h"
 #include "raw_packets/input_buffer.h"
 #include "raw_packets/open_input.h"
-#include "raw_packets/session_books.h"
 
 class Snapshot;
 namespace MR {
@@ -96,7 +95,6 @@ class AVPacketMux {
   std::unique_ptr<Snapshot> m_snapshot;
   AVStream* m_video_ost = nullptr;
   AVStream* m_audio_ost = nullptr;
-  SessionBooks m_books;
   bool m_reorders = false;    // frames of video may come in another order than they are shown
   bool m_bare_sound = false;  // frames of sound are written without their headers
   MR::StartGate m_gate;       // of the local files that the opening creates
@@ -106,11 +104,12 @@ class AVPacketMux {
   using Clock = std::chrono::steady_clock;
   std::mutex m_mutex;
   std::condition_variable m_changed;
-  std::unique_ptr<MR::MR_AVWriter> m_writer;  // the worker's; made, and given up, under m_mutex
-  bool m_limited = false;                     // guarded by m_mutex, like all that follows: live outputs have until...
-  Clock::time_point m_deadline;               // ... then
-  bool m_opening = false;                     // the worker is in an Opening...
-  Clock::time_point m_opening_since;          // ... since then
-  bool m_done = false;                        // the worker touches the session no more, but for destroying it
-  bool m_left = false;                        // the worker destroys the session
+  std::unique_ptr<MR::MR_AVWriter> m_writer;        // the worker's; made, and given up, under m_mutex
+  std::unique_ptr<MR::MR_AVWriter> m_ended_writer;  // for its books
+  bool m_limited = false;             // guarded by m_mutex, like all that follows: live outputs have until...
+  Clock::time_point m_deadline;       // ... then
+  bool m_opening = false;             // the worker is in an Opening...
+  Clock::time_point m_opening_since;  // ... since then
+  bool m_done = false;                // the worker touches the session no more, but for destroying it
+  bool m_left = false;                // the worker destroys the session
 };
