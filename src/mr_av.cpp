@@ -17,6 +17,9 @@ constexpr int kExtraCache = 1000;
 
 MovieCapture2* as_session(void* handle) { return static_cast<MovieCapture2*>(handle); }
 
+/// In a forked child the session of its parent counts as none: nothing is pushed to threads that are not there.
+bool is_own(void* handle) { return handle != nullptr && !as_session(handle)->is_foreign(); }
+
 void destroy(MovieCapture2* session) {
   delete session;
   MERU_LOG(4, "--- stop OK");
@@ -59,6 +62,7 @@ void MERU_stop(void** handle) {
   if (handle == nullptr || *handle == nullptr) return;
   MovieCapture2* session = as_session(*handle);
   *handle = nullptr;
+  if (session->is_foreign()) return;
   if (session->relay() == nullptr || !session->relay()->inside_callback()) {
     end(session);
     return;
@@ -74,16 +78,16 @@ void MERU_stop(void** handle) {
   }
 }
 
-bool MERU_pause(void* handle) { return handle != nullptr && as_session(handle)->pause(); }
+bool MERU_pause(void* handle) { return is_own(handle) && as_session(handle)->pause(); }
 
-bool MERU_resume(void* handle) { return handle != nullptr && as_session(handle)->resume(); }
+bool MERU_resume(void* handle) { return is_own(handle) && as_session(handle)->resume(); }
 
-bool MERU_is_paused(void* handle) { return handle != nullptr && as_session(handle)->is_paused(); }
+bool MERU_is_paused(void* handle) { return is_own(handle) && as_session(handle)->is_paused(); }
 
-long long MERU_movie_time(void* handle) { return handle != nullptr ? as_session(handle)->movieTime() : 0; }
+long long MERU_movie_time(void* handle) { return is_own(handle) ? as_session(handle)->movieTime() : 0; }
 
 int MERU_write_video_bgra(void* handle, void* bgra, int nbytes, long long pts_usec, int linesize) {
-  if (handle == nullptr) return 0;
+  if (!is_own(handle)) return 0;
   if (as_session(handle)->video_disabled()) {
     nuv::print_stderr("--- disable video, ignore bgra frame\n");
     MR::Taken(&as_session(handle)->books().video_frames, 1).drop(MR::Drop::kDisabled);
@@ -93,7 +97,7 @@ int MERU_write_video_bgra(void* handle, void* bgra, int nbytes, long long pts_us
 }
 
 int MERU_write_audio_pcm(void* handle, void* pcm, int nbytes, long long pts_usec) {
-  if (handle == nullptr) return 0;
+  if (!is_own(handle)) return 0;
   if (as_session(handle)->audio_disabled()) {
     nuv::print_stderr("--- disable audio, ignore pcm frame\n");
     as_session(handle)->drop_disabled_audio(pcm, nbytes);
@@ -103,37 +107,33 @@ int MERU_write_audio_pcm(void* handle, void* pcm, int nbytes, long long pts_usec
 }
 
 int MERU_write_video_frame(void* handle, AVFrame* frame, const AVRational& tb) {
-  if (handle == nullptr || frame == nullptr) return 0;
+  if (!is_own(handle) || frame == nullptr) return 0;
   return guarded(0, [&] { return as_session(handle)->fill_video_frame(frame, tb); });
 }
 
 int MERU_write_audio_frame(void* handle, AVFrame* frame, const AVRational& tb) {
-  if (handle == nullptr || frame == nullptr) return 0;
+  if (!is_own(handle) || frame == nullptr) return 0;
   return guarded(0, [&] { return as_session(handle)->fill_audio_frame(frame, tb); });
 }
 
 bool MERU_add_audio_filter(void* handle, FilterBase* filter) {
-  if (handle == nullptr) return false;
+  if (!is_own(handle)) return false;
   as_session(handle)->add_audio_filter(filter);
   return true;
 }
 
 bool MERU_add_video_filter(void* handle, FilterBase* filter) {
-  if (handle == nullptr) return false;
+  if (!is_own(handle)) return false;
   as_session(handle)->add_video_filter(filter);
   return true;
 }
 
-AVFrame* MERU_audio_dst_frame(void* handle) {
-  return handle != nullptr ? as_session(handle)->audio_dst_frame() : nullptr;
-}
+AVFrame* MERU_audio_dst_frame(void* handle) { return is_own(handle) ? as_session(handle)->audio_dst_frame() : nullptr; }
 
-AVFrame* MERU_video_dst_frame(void* handle) {
-  return handle != nullptr ? as_session(handle)->video_dst_frame() : nullptr;
-}
+AVFrame* MERU_video_dst_frame(void* handle) { return is_own(handle) ? as_session(handle)->video_dst_frame() : nullptr; }
 
 bool MERU_get_mInfo(void* handle, MovieInfo* out) {
-  if (handle == nullptr) return false;
+  if (!is_own(handle)) return false;
   bool started = false;
   *out = as_session(handle)->mInfo(&started);
   return started;
@@ -141,12 +141,12 @@ bool MERU_get_mInfo(void* handle, MovieInfo* out) {
 
 long long MERU_current_sys_usec() { return global_pts(); }
 
-long long MERU_last_usec_pts(void* handle) { return handle != nullptr ? as_session(handle)->last_usec_pts() : 0; }
+long long MERU_last_usec_pts(void* handle) { return is_own(handle) ? as_session(handle)->last_usec_pts() : 0; }
 
 AVFrame* MERU_generate_testing_vFrame(void* handle, const AVRational& tb) {
-  return handle != nullptr ? as_session(handle)->get_testing_vframe(tb) : nullptr;
+  return is_own(handle) ? as_session(handle)->get_testing_vframe(tb) : nullptr;
 }
 
 AVFrame* MERU_generate_testing_aFrame(void* handle, const AVRational& tb) {
-  return handle != nullptr ? as_session(handle)->get_testing_aframe(tb) : nullptr;
+  return is_own(handle) ? as_session(handle)->get_testing_aframe(tb) : nullptr;
 }

@@ -93,7 +93,13 @@ void MERU_StopRepair(void** handle) {
   void* const ended = *handle;
   *handle = nullptr;
   const std::shared_ptr<MVRepair> repair = Repairs::instance().take(ended);
-  if (repair != nullptr) repair->stop();
+  if (repair == nullptr) return;
+  if (repair->is_foreign()) {
+    // Never destroyed: its thread is the parent's.
+    (void)std::make_unique<std::shared_ptr<MVRepair>>(repair).release();
+  } else {
+    repair->stop();
+  }
 }
 
 bool MERU_Repair_IsRunning(void* handle) {

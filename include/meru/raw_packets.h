@@ -15,6 +15,8 @@
 /// still waiting in the same medium counts as one microsecond later. A packet that comes later than that, and so lies
 /// before one that is written, is left out.
 ///
+/// In a forked child the sessions of its parent count as null, and MERU2_stop on one returns at once.
+///
 /// Threads: one thread may push video while another pushes audio, or one does both. Nothing may be pushed to a session
 /// while MERU2_stop runs on it. A push waits while 500 packets of its medium wait to be written: when the output is
 /// slow, and until each medium that the record announces has begun. So a host that pushes both from one thread must not

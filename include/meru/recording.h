@@ -10,6 +10,9 @@
 /// Threads: one thread may push video while another pushes audio. Pausing, resuming and the read-outs may come from any
 /// thread. Nothing may be pushed to a session while MERU_stop runs on it.
 ///
+/// A forked child has none of the library's threads: the sessions of its parent count as null in it, and MERU_stop on
+/// one returns at once, without touching its outputs or freeing its memory. A child may start sessions of its own.
+///
 /// When no encoder exists for the movie's container, when the audio encoder cannot be opened, or when a scaling context
 /// or a frame cannot be made, the library ends the process with exit status 1. A video encoder that refuses its
 /// settings (an odd picture size with YUV420P, a frame rate of 0) leaves the session not started, with a line on

@@ -6,6 +6,8 @@
 /// bring back is the container's own packet bytes, as MP4 and MOV files keep them; other containers (MKV, FLV) wrap
 /// each packet, but play as far as they were written without a repair.
 ///
+/// In a forked child MERU_StopRepair on a repair of its parent returns at once, without ending it.
+///
 /// Paths are UTF-8. Those of the broken movie and the index may be in double quotes and have white space around them.
 /// Every path is copied or used up before the starting call returns. A repair also prints its progress on standard
 /// output, a line "progress:0.500000" with each report.

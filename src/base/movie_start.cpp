@@ -198,9 +198,9 @@ void MovieMuxer::open_gated(const std::string& path, const std::function<bool()>
 }
 
 void MovieMuxer::open_io(const MovieInfo& info) {
+  if (m_writer->m_live) m_writer->limit_opening();  // until the header is written
   if ((m_oformat->get()->flags & AVFMT_NOFILE) != 0) return;
   int ret = 0;
-  if (m_writer->m_live) m_writer->limit_opening();
   const auto open = [&] { return (ret = MR::open_io(m_oc.get(), info.url, info.timeout_sec)) >= 0; };
   open_gated(MR::local_path(info.url), open, [this] { avio_closep(&m_oc->pb); });
   if (ret >= 0) return;

@@ -8,12 +8,13 @@
 #include "IO_Cvt/io_cvt.h"
 #include "base/movie_muxer.h"
 #include "capture/recording_clock.h"
+#include "common/forked.h"
 #include "common/status_relay.h"
 
 /// The session behind a recording's handle: a muxer with a recording clock and the conversion of the host's buffers.
 ///
 /// Video may be pushed from one thread and audio from another; pause, resume and the read-outs come from any thread.
-class MovieCapture2 : public MovieMuxer {
+class MovieCapture2 : public MovieMuxer, public OfThisProcess {
  public:
   /// @param writer  owned by the session from here on
   explicit MovieCapture2(BaseWriter* writer);

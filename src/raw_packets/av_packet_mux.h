@@ -10,6 +10,7 @@
 
 #include "common/ffmpeg_compat.h"
 #include "common/ffmpeg_handles.h"
+#include "common/forked.h"
 #include "common/io_interrupt.h"
 #include "common/status_relay.h"
 #include "meru/raw_packets.h"
@@ -31,7 +32,7 @@ const AVOutputFormat* output_format(const MovieInfo2& info);
 ///
 /// One thread pushes video and one audio (or one both); starting and ending come from one thread, with no push running.
 /// The contexts, the writer and the side index are the worker's alone.
-class AVPacketMux {
+class AVPacketMux : public OfThisProcess {
  public:
   AVPacketMux();
   ~AVPacketMux();

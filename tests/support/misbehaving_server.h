@@ -21,6 +21,7 @@ enum class Manners {
   kResetAtFirstBytes,    ///< resets the connection when something has come
   kResetAfterHandshake,  ///< answers the handshake, or the first RTSP request, and resets the connection at what
                          ///< follows
+  kDrips,                ///< answers a byte of the handshake, or of an endless line of RTSP, every 200 ms
   kForbids,              ///< answers each RTSP request that it is forbidden; RTMP as kResetAtFirstBytes
 };
 
@@ -56,6 +57,8 @@ class MisbehavingServer {
     std::string got;
     bool answered = false;
     std::chrono::steady_clock::time_point next_read{};
+    std::chrono::steady_clock::time_point next_drop{};
+    size_t dripped = 0;
   };
 
   void serve() {
@@ -66,7 +69,8 @@ class MisbehavingServer {
         const short events = client.next_read <= now ? POLLIN : 0;
         waits.push_back({client.socket.fd(), static_cast<short>(events | POLLRDHUP), 0});
       }
-      if (poll(waits.data(), waits.size(), m_manners == Manners::kByteASecond ? 50 : -1) < 0) continue;
+      const bool by_the_clock = m_manners == Manners::kByteASecond || m_manners == Manners::kDrips;
+      if (poll(waits.data(), waits.size(), by_the_clock ? 50 : -1) < 0) continue;
       if (waits[0].revents != 0) return;
       for (size_t i = 0; i < m_clients.size(); ++i) {
         const short seen = waits[i + 2].revents;
@@ -76,6 +80,7 @@ class MisbehavingServer {
           read_from(&m_clients[i]);
         }
       }
+      if (m_manners == Manners::kDrips) drip();
       m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(),
                                      [](const Client& client) { return !client.socket.is_open(); }),
                       m_clients.end());
@@ -113,6 +118,8 @@ class MisbehavingServer {
           answer(client, whole_answer(client));
         }
         break;
+      case Manners::kDrips:
+        break;  // by the clock
       case Manners::kForbids:
         if (is_rtmp(*client)) {
           reset(client);
@@ -145,6 +152,19 @@ class MisbehavingServer {
     const std::string line =
         number == std::string::npos ? "" : request.substr(number, request.find("\r\n", number) + 2 - number);
     return "RTSP/1.0 " + status + "\r\n" + line + "\r\n";
+  }
+
+  void drip() {
+    const auto now = std::chrono::steady_clock::now();
+    for (Client& client : m_clients) {
+      if (client.got.empty() || now < client.next_drop || !client.socket.is_open()) continue;
+      client.next_drop = now + std::chrono::milliseconds(200);
+      treat(&client);
+      const std::string whole = is_rtmp(client) ? '\3' + std::string(2 * kRtmpBlock, '\0') : "RTSP/1.0 200 OK\r\nX: ";
+      const char drop = client.dripped < whole.size() ? whole[client.dripped] : 'x';
+      ++client.dripped;
+      if (!client.socket.send_all(&drop, 1)) client.socket.close();
+    }
   }
 
   void treat(Client* client) {

@@ -12,13 +12,14 @@
 #include "MVRepair/restore/moov_parser.h"
 #include "MVRepair/restore/packet_record.h"
 #include "common/ffmpeg_handles.h"
+#include "common/forked.h"
 #include "common/room_ahead.h"
 
 /// Rebuilds a movie that was cut short from the packets in it and its side index.
 ///
 /// One repair at a time and object. stop() and is_running() may be called from any thread. An object that a shared_ptr
 /// holds lives at least as long as its repair's thread.
-class MVRepair : public std::enable_shared_from_this<MVRepair> {
+class MVRepair : public std::enable_shared_from_this<MVRepair>, public OfThisProcess {
  public:
   /// Progress from 0.0 to 1.0, a code, and a text that is valid during the call.
   using Callback = std::function<void(double, int, const char*)>;
