@@ -80,7 +80,9 @@ struct MovieInfo_ {
   /// file follows from its extension; a path whose extension says nothing becomes an MP4. A ".flv" file (any case)
   /// gets the audio encoder's first supported sample rate.
   char url[512];
-  char snapshot_path[512];    ///< side index for repair after a crash; empty = none; ignored for "rtsp://"
+  /// Side index for repair after a crash, which costs what the encoder holds (nothing with TUNE_ZEROLATENCY) and half a
+  /// second; empty = none; ignored for "rtsp://".
+  char snapshot_path[512];
   char metadata[256];         ///< container metadata, "key:value;key:value"; empty = none
   const char* other_urls[4];  ///< up to four further outputs of the same packets; ends at the first null
 
