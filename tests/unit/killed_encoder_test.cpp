@@ -5,9 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <limits>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -155,9 +163,9 @@ class KilledEncoder : public testing::TestWithParam<Setting> {
       std::freopen(m_dir.file("log").c_str(), "w", stderr);
       Recorder(info, setting.limit_ms, m_handed.get()).run();
     }
-    // Until half a frame before: the kill is to come at any moment of a frame.
     const auto frames = static_cast<int64_t>(seconds * setting.fps);
     const bool reached = eventually([&] { return m_handed->frames >= frames; });
+    // Not to wait for anything: the kill is to come at any moment of a frame.
     std::this_thread::sleep_for(std::chrono::microseconds(m_random() % static_cast<unsigned>(kUsec / setting.fps)));
     kill(recorder, SIGKILL);
     waitpid(recorder, nullptr, 0);
