@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "IO_Cvt/io_cvt.h"
 #include "capture/movie_capture2.h"
@@ -178,7 +179,7 @@ int AudioInput::fill_silence(long long dur, long long pts) {
 int64_t AudioInput::silence_at(int64_t nb_samples, long long* pts) const {
   if (m_align == Align::kNone || nb_samples == 0) return nb_samples;
   const int64_t gap = m_resample->samples_until(*pts, kUsec);
-  if (gap >= m_rate / 2) return nb_samples;
+  if (std::llabs(gap) >= m_rate / 2) return nb_samples;
   *pts -= av_rescale(gap, kUsec.den, m_rate);
   return std::max<int64_t>(nb_samples + gap, 0);
 }
@@ -213,23 +214,13 @@ int AudioInput::push(AVFrame* frame, const AVRational* tb) {
 
 /// Makes the audio so far end where `frame` begins. Timestamps that differ from the count of samples by less than half
 /// a second are otherwise ignored; each pause cuts the audio at a place where no buffer ends, and without this the
-/// differences would add up from pause to pause.
+/// differences would add up from pause to pause. From half a second on the timestamp counts anyway.
 int AudioInput::push_aligned(AVFrame* frame, const AVRational* tb) {
+  const int64_t half_second = m_rate / 2;
   const int64_t gap = m_resample->samples_until(frame->pts, *tb);
-  if (gap < 0) {
-    const auto skipped = static_cast<int>(std::min<int64_t>(-gap, frame->nb_samples));
-    // The next buffer may begin before that end too.
-    if (skipped < frame->nb_samples) m_align = Align::kNone;
-    const FramePtr view = view_from(frame, skipped);
-    books().source_samples.drop(MR::Drop::kOverlap, view != nullptr ? skipped : 0);
-    if (view == nullptr) return m_cvt->in_frame(false, frame, tb);
-    if (view->nb_samples == 0) return 0;
-    view->pts += av_rescale_q(skipped, {1, m_rate}, *tb);
-    return m_cvt->in_frame(false, view.get(), tb);
-  }
-  const int64_t longest =
-      m_align == Align::kFirst ? av_rescale(kLongestSilenceUsec, m_rate, kUsec.den) : m_rate / 2 - 1;
-  m_align = Align::kNone;
+  const bool first = std::exchange(m_align, Align::kNone) == Align::kFirst;
+  if (gap < 0) return gap > -half_second ? push_behind(-gap, frame, tb) : m_cvt->in_frame(false, frame, tb);
+  const int64_t longest = first ? av_rescale(kLongestSilenceUsec, m_rate, kUsec.den) : half_second - 1;
   if (gap > 0 && gap <= longest) {
     push_silence(gap, av_rescale_q(frame->pts, *tb, kUsec) - av_rescale(gap, kUsec.den, m_rate));
     if (!m_owner->is_started()) {
@@ -238,6 +229,20 @@ int AudioInput::push_aligned(AVFrame* frame, const AVRational* tb) {
     }
   }
   return m_cvt->in_frame(false, frame, tb);
+}
+
+/// Pushes what is left of a frame without its first `overlap` samples, which may be all.
+int AudioInput::push_behind(int64_t overlap, AVFrame* frame, const AVRational* tb) {
+  const auto cut = static_cast<int>(std::min<int64_t>(overlap, frame->nb_samples));
+  const FramePtr view = view_from(frame, cut);
+  if (view == nullptr) return m_cvt->in_frame(false, frame, tb);
+  books().source_samples.drop(MR::Drop::kOverlap, cut);
+  if (cut == frame->nb_samples) {
+    m_align = Align::kAfterPause;  // the next one may begin before that end too
+    return 0;
+  }
+  view->pts += av_rescale_q(cut, {1, m_rate}, *tb);
+  return m_cvt->in_frame(false, view.get(), tb);
 }
 
 int AudioInput::convert(const AVFrame* frame, const AVRational* tb) {

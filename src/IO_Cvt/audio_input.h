@@ -24,7 +24,7 @@ class AudioInput {
   /// What happens to the next samples before they are taken.
   enum class Align {
     kNone,        ///< nothing: their count is their time, unless they are half a second or more away
-    kAfterPause,  ///< less than half a second is filled, an overlap of any length is cut
+    kAfterPause,  ///< a gap or an overlap of less than half a second is filled or cut
     kFirst        ///< as after a pause, and a gap of any length is filled
   };
 
@@ -71,6 +71,7 @@ class AudioInput {
   void wrap(AVFrame* frame, uint8_t* data, int nb_samples, long long pts) const;
   int push(AVFrame* frame, const AVRational* tb);
   int push_aligned(AVFrame* frame, const AVRational* tb);
+  int push_behind(int64_t overlap, AVFrame* frame, const AVRational* tb);
   int push_silence(int64_t nb_samples, long long pts);
   void account(int nb_samples);
   void drop_rest();
