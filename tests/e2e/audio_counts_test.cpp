@@ -93,7 +93,7 @@ std::vector<CountCase> all_counts() {
   std::vector<CountCase> cases;
   for (const Container& container : kContainers) {
     const bool each = &container - kContainers < 2;
-    for (const int rate : {8000, 11025, 16000, 22050, 32000, 44100, 48000, 96000, 192000}) {
+    for (const int rate : {192000, 96000, 48000, 44100, 32000, 22050, 16000, 11025, 8000}) {
       if (each || rate == 11025 || rate == 44100 || rate == 48000) cases.push_back({container, rate});
     }
   }
