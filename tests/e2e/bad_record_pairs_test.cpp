@@ -123,7 +123,7 @@ std::vector<Change> pictures() {
   for (const int v : {0, -64, 47, 100000, INT_MAX}) all.push_back(set("width", &MovieInfo::width, v));
   for (const int v : {0, -48, 47, INT_MAX}) all.push_back(set("height", &MovieInfo::height, v));
   for (const int v : {0, -5, 63, 100000}) all.push_back(set("width_src", &MovieInfo::width_src, v));
-  for (const int v : {0, -5, 47, 100000}) all.push_back(set("height_src", &MovieInfo::height_src, v));
+  for (const int v : {0, -5, 47, 20000}) all.push_back(set("height_src", &MovieInfo::height_src, v));
   for (const int v : {99999, -7}) all.push_back(set("pix_fmt_src", &MovieInfo::pix_fmt_src, v));
   for (const int v : {99999, INT_MIN}) all.push_back(set("pix_fmt", &MovieInfo::pix_fmt, v));
   for (const int v : {0, -25, INT_MAX}) all.push_back(set("fps", &MovieInfo::fps, v));
@@ -138,7 +138,7 @@ std::vector<Change> pictures() {
 
 std::vector<Change> sounds() {
   std::vector<Change> all;
-  for (const int v : {0, -1, 200000000}) all.push_back(set("sample_rate_src", &MovieInfo::sample_rate_src, v));
+  for (const int v : {0, -1, 20000000}) all.push_back(set("sample_rate_src", &MovieInfo::sample_rate_src, v));
   for (const int v : {0, INT_MAX}) all.push_back(set("sample_rate_dst", &MovieInfo::sample_rate_dst, v));
   for (const int v : {0, -2, 64, 65, INT_MAX}) all.push_back(set("channels", &MovieInfo::channels, v));
   for (const int v : {99, -1, 6}) all.push_back(set("sample_fmt", &MovieInfo::sample_fmt, v));
@@ -152,6 +152,14 @@ std::vector<Record> pairs_of(const std::vector<Change>& first, const std::vector
   std::vector<Record> pairs;
   for (const Change& a : first) {
     for (const Change& b : second) pairs.push_back({&a, &b});
+  }
+  return pairs;
+}
+
+std::vector<Record> pairs_within(const std::vector<Change>& all) {
+  std::vector<Record> pairs;
+  for (size_t i = 0; i < all.size(); ++i) {
+    for (size_t j = i + 1; j < all.size(); ++j) pairs.push_back({&all[i], &all[j]});
   }
   return pairs;
 }
@@ -176,12 +184,12 @@ TEST(BadRecordPairsTest, PictureAndSound) {
 
 TEST(BadRecordPairsTest, PictureAndPicture) {
   const auto all = pictures();
-  Children().run(pairs_of(all, all));
+  Children().run(pairs_within(all));
 }
 
 TEST(BadRecordPairsTest, SoundAndSound) {
   const auto all = sounds();
-  Children().run(pairs_of(all, all));
+  Children().run(pairs_within(all));
 }
 
 TEST(BadRecordPairsTest, ChannelsAndSampleFormat) {
