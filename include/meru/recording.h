@@ -107,10 +107,13 @@ MERU_API int MERU_write_video_bgra(void* session, void* bgra, int nbytes, long l
 /// Records samples: interleaved PCM of `channels`, `sample_fmt` and `sample_rate_src`.
 ///
 /// @param session   handle from MERU_start; null is allowed and does nothing
-/// @param pcm       the samples, the caller's again afterwards; null fills the time from the last samples to `pts_usec`
-///                  with silence
+/// @param pcm       the samples, the caller's again afterwards; null appends silence as long as from the `pts_usec` of
+///                  the push before (time 0 when there is none) to this one. That is the time of a buffer's first
+///                  sample: to fill a gap, add the length of the gap to it. Before the first samples, null with their
+///                  `pts_usec` brings them to exactly their time
 /// @param nbytes    size in bytes; an incomplete sample at the end is ignored
-/// @param pts_usec  capture time of the first sample
+/// @param pts_usec  capture time of the first sample. Samples follow each other without gaps: it counts for the first
+///                  ones after a pause, and where it is half a second or more away from the count of samples
 /// @return nonzero when the samples completed at least one frame of the encoder; 0 when they are kept for the next one,
 ///         or were dropped: not started, paused, no audio, or refused
 /// @threads one pushing thread for audio. Blocks while an output's queue is full

@@ -126,6 +126,16 @@ TEST_F(SoundTrackTest, SmallPiecesLoseASampleNowAndThenOnly) {
   EXPECT_GE(m_samples, given - given / 500 - kPiece) << "a sample in five hundred, and what lies beyond the end";
 }
 
+TEST_F(SoundTrackTest, FirstSoundThatIsLateIsPrecededBySilence) {
+  m_track.begin(m_begin);
+  give(30000);
+  finish(50000);
+  EXPECT_EQ(m_silences, 1);
+  EXPECT_NEAR(static_cast<double>(m_silent), 30000, 1000);
+  EXPECT_NEAR(static_cast<double>(m_samples), 1.0 * kPiece, 50);
+  EXPECT_NEAR(static_cast<double>(m_end), 50000, 1000);
+}
+
 TEST_F(SoundTrackTest, HoleIsSilenceAndWhatFollowsIsAtItsTime) {
   m_track.begin(m_begin);
   give(0);

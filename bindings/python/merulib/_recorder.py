@@ -193,8 +193,8 @@ class Recorder(Session):
         """Records samples.
 
         samples: an object with the buffer protocol, without gaps: interleaved PCM of `channels` and `sample_fmt`; an
-            incomplete sample at its end is ignored. The caller's again afterwards. None fills the time from the last
-            samples to `pts_usec` with silence.
+            incomplete sample at its end is ignored. The caller's again afterwards. None appends silence as long as
+            from the stamp of the push before (of its first sample) to `pts_usec`.
         pts_usec: when the first sample was heard. Samples follow each other without gaps; the stamp counts where it
             differs by half a second or more.
 
