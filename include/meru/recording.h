@@ -70,7 +70,8 @@ MERU_API void* MERU_start(const MovieInfo& info, MovieStatusCallback cb, void* u
 /// output gets `timeout_sec` seconds (5 when that is 0) to take what is pending. During an asynchronous start the call
 /// returns at once and the start cleans up behind itself. No callback runs once it has returned. From inside a status
 /// callback of the same session it returns at once, and the recording is completed on another thread, without the audio
-/// filter. A push that blocks because a live output has stalled must end first: set `timeout_sec`, so that it does.
+/// filter. A push that blocks because a live output has stalled must end first: set `timeout_sec`, so that it does. A push
+/// of silence that is still running ends early.
 MERU_API void MERU_stop(void** session);
 
 /// Pauses: what is pushed is dropped until MERU_resume, and that time does not appear in the movie.
