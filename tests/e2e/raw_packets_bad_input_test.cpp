@@ -192,7 +192,7 @@ TEST(LongPathTest, LongestPathsOfMovieAndIndexAreUsed) {
 TEST(LongPathTest, FieldsWithoutATerminatorAreNotReadBeyond) {
   MovieInfo2 info = raw_movie("", true, false);
   std::fill(std::begin(info.url), std::end(info.url), 'x');
-  std::fill(std::begin(info.snapshot_path), std::end(info.snapshot_path), 'x');
+  std::fill(std::begin(info.snapshot_path), std::end(info.snapshot_path), 'y');
   std::fill(std::begin(info.metadata), std::end(info.metadata), 'x');
   PacketHost host(info);
   host.stop();
