@@ -184,13 +184,19 @@ void PacketSource::make_annex_b_filter() {
 int64_t PacketSource::start_usec() {
   if (m_elementary) return 0;
   read_ahead();
-  if (m_ahead.empty()) return INT64_MAX;
-  int64_t first = INT64_MAX;
+  // Audio may begin with samples that only start its decoder, which FFmpeg takes off here.
+  const bool known = m_kind == kAudio && m_stream->start_time != AV_NOPTS_VALUE && !m_ahead.empty();
+  int64_t first = known ? m_stream->start_time : INT64_MAX;
   for (const auto& packet : m_ahead) {
-    if (packet->pts != AV_NOPTS_VALUE) first = std::min(first, packet->pts);
-    if (packet->dts != AV_NOPTS_VALUE) first = std::min(first, packet->dts);
+    if (known) break;
+    const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    const bool shown = (packet->flags & AV_PKT_FLAG_DISCARD) == 0;
+    if (shown && time != AV_NOPTS_VALUE) first = std::min(first, time);
   }
-  return first == INT64_MAX ? first : to_usec(first);
+  // More than what was read ahead may be hidden.
+  if (first == INT64_MAX && m_stream->start_time != AV_NOPTS_VALUE) first = m_stream->start_time;
+  if (first == INT64_MAX && !m_ahead.empty()) first = m_ahead.front()->dts;
+  return first == INT64_MAX || first == AV_NOPTS_VALUE ? INT64_MAX : to_usec(first);
 }
 
 int64_t PacketSource::to_usec(int64_t ticks) const { return av_rescale_q(ticks, m_stream->time_base, kUsec); }

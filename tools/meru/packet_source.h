@@ -45,8 +45,9 @@ class PacketSource {
   static Contents look_into(const std::string& path);
 
   const std::string& path() const { return m_path; }
-  /// The smallest timestamp in microseconds, of decoding or presentation, which may be negative; to be taken off of all
-  /// media of a movie alike. INT64_MAX when there is no packet. Throws as next().
+  /// The smallest time in microseconds at which something is shown or heard; to be taken off of all media of a movie
+  /// alike. What a trimmed movie hides before it, and decoding, then have negative timestamps, which say the same in
+  /// the remuxed movie. INT64_MAX when there is no packet. Throws as next().
   int64_t start_usec();
   /// @return false at the end. Throws a Failure when the file is damaged.
   bool next(Packet* packet);

@@ -44,6 +44,7 @@ void Remuxer::open_sources() {
   for (const Track* track : {&m_video, &m_audio}) {
     if (track->source != nullptr) m_start_usec = std::min(m_start_usec, track->source->start_usec());
   }
+  if (m_start_usec == INT64_MAX) m_start_usec = 0;
 }
 
 void Remuxer::open_source(Track* track, PacketSource::Kind kind, const std::string& path, bool elementary) {
