@@ -113,7 +113,8 @@ AVFrame* AudioEnc::get_audio_frame_test(OutputStream* ost, const AVRational& tb)
   const AVCodecContext* enc = ost->enc.get();
   if (ost->tmp_frame == nullptr) {
     const auto fmt = static_cast<AVSampleFormat>(m_info.sample_fmt);
-    const bool possible = av_get_bytes_per_sample(fmt) > 0 && m_info.sample_rate_src > 0 && m_info.channels > 0;
+    const bool possible = av_get_bytes_per_sample(fmt) > 0 && m_info.sample_rate_src > 0 && m_info.channels > 0 &&
+                          meru_compat::default_layout(m_info.channels) != 0;
     const int64_t nb_samples =
         possible ? av_rescale_rnd(ost->frame->nb_samples, m_info.sample_rate_src, m_info.sample_rate_dst, AV_ROUND_UP)
                  : 0;

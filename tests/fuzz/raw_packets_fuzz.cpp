@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fuzz/fuzzing.h"
+#include "fuzz/tiny_packets.h"
 #include "meru/raw_packets.h"
 
 extern "C" {
@@ -28,12 +29,6 @@ constexpr size_t kMaxAhead = 480;
 constexpr size_t kMaxPushes = 700;
 constexpr size_t kMaxBytes = size_t{1} << 18;
 constexpr size_t kBeginning = 12;
-
-/// A grey picture of 16x16, and a frame of silence.
-constexpr char kPicture[] =
-    "\0\0\0\1\x09\x10\0\0\0\1\x67\x42\xc0\x0a\xda\x7b\x01\x10\0\0\x03\0\x10\0\0\x03\x01\x40\xf1\x22\x6a"
-    "\0\0\0\1\x68\xce\x0f\xc8\0\0\1\x65\x88\x84\x3a\x26\x28\x0e";
-constexpr char kSilence[] = "\xff\xf1\x4c\x40\x01\x7f\xfc\x01\x18\x20\x07";
 
 struct Push {
   bool audio = false;
@@ -117,8 +112,8 @@ class Host {
  public:
   Host(Script* script, std::string video, std::string audio, size_t max_ahead)
       : m_script(script),
-        m_media{{std::move(video), {kPicture, sizeof(kPicture) - 1}, {"\0\0\0\1\x09", 5}, 33333},
-                {std::move(audio), {kSilence, sizeof(kSilence) - 1}, "\xff\xf1", 21333}},
+        m_media{{std::move(video), meru_fuzz::picture(), {"\0\0\0\1\x09", 5}, 33333},
+                {std::move(audio), meru_fuzz::silence(), "\xff\xf1", 21333}},
         m_max_ahead(max_ahead) {}
 
   /// Packets with which both media begin for certain.
