@@ -36,7 +36,8 @@ int mix_in_turn(SwrContext* swr, int in, int out) {
   if (in < 1 || in > kMaxChannels || out < 1 || out > kMaxChannels) return AVERROR(EINVAL);
   for (int o = 0; o < out; ++o) {
     const int mixed = (in - o + out - 1) / out;
-    for (int i = o; i < in; i += out) matrix[static_cast<size_t>(o * in + i)] = 1.0 / mixed;
+    for (int i = o; i < in; i += out)
+      matrix[static_cast<size_t>(o) * static_cast<size_t>(in) + static_cast<size_t>(i)] = 1.0 / mixed;
   }
   return swr_set_matrix(swr, matrix.data(), in);
 }

@@ -23,7 +23,7 @@ using MR::Drop;
 constexpr AVRational kUsec{1, 1000000};
 constexpr int64_t kSec = 1000000;
 constexpr int64_t kFirst = 5 * kSec;
-constexpr int kRate = 48000;
+constexpr int64_t kRate = 48000;
 
 class AudioInputTest : public testing::Test {
  protected:
@@ -59,7 +59,7 @@ class AudioInputTest : public testing::Test {
   MovieInfo m_info;
   meru_test::FakeWriter* m_writer = new meru_test::FakeWriter;  // the session's
   std::unique_ptr<MovieCapture2> m_session = std::make_unique<MovieCapture2>(m_writer);
-  std::vector<uint8_t> m_image = std::vector<uint8_t>(64 * 48 * 4, 90);
+  std::vector<uint8_t> m_image = std::vector<uint8_t>(size_t{64} * 48 * 4, 90);
   std::vector<uint8_t> m_pcm;
 };
 
@@ -67,7 +67,7 @@ class AudioInputTest : public testing::Test {
 
 TEST_F(AudioInputTest, SamplesAreAccountedForFromThePushToTheEncoder) {
   start_at_first();
-  for (int i = 0; i < 10; ++i) push(1000, kFirst + i * 20833);
+  for (int i = 0; i < 10; ++i) push(1000, kFirst + i * int64_t{20833});
   EXPECT_EQ(source().taken(), 10000);
   EXPECT_EQ(source().passed(), 10000);
   EXPECT_EQ(encoder().taken(), 10000);
@@ -113,10 +113,10 @@ TEST_F(AudioInputTest, IncompleteSampleIsNone) {
 
 TEST_F(AudioInputTest, ReadyFramesAreCountedToo) {
   start_at_first();
-  const FramePtr samples = meru_test::make_samples(AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, kRate, 2000);
+  const FramePtr samples = meru_test::make_samples(AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, 48000, 2000);
   samples->pts = kFirst;
   m_session->fill_audio_frame(samples.get(), kUsec);
-  const FramePtr other = meru_test::make_samples(AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, kRate, 70);
+  const FramePtr other = meru_test::make_samples(AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, 48000, 70);
   other->pts = kFirst + 41666;
   EXPECT_EQ(m_session->fill_audio_frame(other.get(), kUsec), 0);
   EXPECT_EQ(source().taken(), 2070);
@@ -127,7 +127,7 @@ TEST_F(AudioInputTest, ReadyFramesAreCountedToo) {
 TEST_F(AudioInputTest, RecordWithoutAudioDropsFrames) {
   m_info.no_audio = true;
   start_at_first();
-  const FramePtr samples = meru_test::make_samples(AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, kRate, 2000);
+  const FramePtr samples = meru_test::make_samples(AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, 48000, 2000);
   samples->pts = kFirst;
   m_session->fill_audio_frame(samples.get(), kUsec);
   m_session->drop_disabled_audio(samples->data[0], 400);
@@ -169,7 +169,7 @@ TEST_P(Channels, AreMixedWhateverTheirNumber) {
   push(2000, kFirst + kSec + 10000);
   FramePtr frame(av_frame_alloc());
   frame->format = m_info.sample_fmt;
-  frame->sample_rate = kRate;
+  frame->sample_rate = 48000;
   frame->nb_samples = 1500;
   meru_compat::set_layout(frame.get(), meru_compat::unplaced_layout(m_info.channels));
   ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
@@ -207,7 +207,7 @@ TEST_F(AudioInputTest, OverlapAfterAPauseIsCutFromAsManyBuffersAsItTakes) {
   push(kRate / 2, kFirst);  // half a second, pushed ahead of the clock
   pause_and_resume();
   const int64_t at = kFirst + 100000;  // 400 ms before the end of the audio so far, but for the pause
-  for (int i = 0; i < 100; ++i) push(480, at + i * 10000);
+  for (int i = 0; i < 100; ++i) push(480, at + i * int64_t{10000});
   const int64_t cut = source().dropped(Drop::kOverlap);
   EXPECT_GE(cut, kRate * 4 / 10 - 1);
   EXPECT_LT(cut, kRate * 4 / 10 + kRate / 5) << "beyond that the pause must have taken long";
@@ -247,7 +247,7 @@ class FirstAudio : public AudioInputTest, public testing::WithParamInterface<Fir
 TEST_P(FirstAudio, BeginsAtItsTimestampWhenThatIsAskedFor) {
   m_session->align_first_audio(true);
   start_at_first();
-  for (int i = 0; i < 10; ++i) push(kPushed / 10, kFirst + GetParam().usec + i * 10000);
+  for (int i = 0; i < 10; ++i) push(kPushed / 10, kFirst + GetParam().usec + i * int64_t{10000});
   m_session->stop();
   const int64_t expected = av_rescale(GetParam().usec, kRate, kSec);
   EXPECT_EQ(books().silence, std::max<int64_t>(expected, 0));
@@ -259,7 +259,7 @@ TEST_P(FirstAudio, BeginsAtItsTimestampWhenThatIsAskedFor) {
 TEST_P(FirstAudio, BeginsAtItsTimestampAfterAPushOfNothing) {
   start_at_first();
   push_silence(kFirst + GetParam().usec);
-  for (int i = 0; i < 10; ++i) push(kPushed / 10, kFirst + GetParam().usec + i * 10000);
+  for (int i = 0; i < 10; ++i) push(kPushed / 10, kFirst + GetParam().usec + i * int64_t{10000});
   m_session->stop();
   const int64_t expected = std::max<int64_t>(av_rescale(GetParam().usec, kRate, kSec), 0);
   EXPECT_EQ(books().silence, expected);
@@ -320,7 +320,7 @@ TEST_F(AudioInputTest, NothingFailsWhileTheResamplerGivesNothingYet) {
   m_info.sample_rate_src = 44100;
   start_at_first();
   meru_test::LogCapture log;
-  for (int i = 0; i < 20; ++i) push(1, kFirst + i * 23);
+  for (int i = 0; i < 20; ++i) push(1, kFirst + i * int64_t{23});
   for (const auto& line : log.lines()) EXPECT_GT(line.level, 2) << line.text;
 }
 
@@ -343,8 +343,8 @@ TEST_P(Gap, IsSplitWhereADurationOfMp4WouldOverflow) {
   int64_t longest = 0;
   for (size_t i = 1; i < packets.size(); ++i) longest = std::max(longest, packets[i].pts - packets[i - 1].pts);
   EXPECT_LE(longest, int64_t{1} << 30);
-  EXPECT_EQ(books().silence, GetParam().frames * 1024);
-  EXPECT_NEAR(static_cast<double>(packets.back().pts) / kRate, static_cast<double>(GetParam().hours * 3600), 2);
+  EXPECT_EQ(books().silence, int64_t{1024} * GetParam().frames);
+  EXPECT_NEAR(static_cast<double>(packets.back().pts) / 48000, static_cast<double>(GetParam().hours * 3600), 2);
 }
 
 // 2^30 samples are 6.2 hours.
@@ -376,14 +376,14 @@ TEST_P(Rest, OfTheSamplesIsEncodedByTheStop) {
   start_at_first();
   push(GetParam().samples, kFirst);
   m_session->stop();
-  const double expected = static_cast<double>(GetParam().samples) * kRate / GetParam().rate;
+  const double expected = static_cast<double>(GetParam().samples) * 48000 / GetParam().rate;
   EXPECT_NEAR(static_cast<double>(encoder().passed()), expected, 2 + expected / 1000);
   EXPECT_EQ(encoder().dropped(), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Rest,
-                         testing::Values(RestCase{"One", kRate, 1}, RestCase{"ALittle", kRate, 500},
-                                         RestCase{"AFrame", kRate, 1024}, RestCase{"OneMore", kRate, 1025},
+                         testing::Values(RestCase{"One", 48000, 1}, RestCase{"ALittle", kRate, 500},
+                                         RestCase{"AFrame", 48000, 1024}, RestCase{"OneMore", kRate, 1025},
                                          RestCase{"Resampled", 44100, 44100}, RestCase{"Up", 8000, 12345},
                                          RestCase{"Down", 192000, 123456}, RestCase{"Odd", 11025, 700}),
                          meru_test::CaseName());
@@ -397,7 +397,7 @@ TEST_F(AudioInputTest, SecondStartGoesOnAfterTheRest) {
   push(44100, kFirst + kSec);
   m_session->stop();
   EXPECT_EQ(source().passed(), 2 * 44100);
-  EXPECT_NEAR(static_cast<double>(encoder().passed()), 2.0 * kRate, 100);
+  EXPECT_NEAR(static_cast<double>(encoder().passed()), 96000.0, 100);
 }
 
 }  // namespace
