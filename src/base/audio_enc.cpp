@@ -1,6 +1,5 @@
 #include "base/audio_enc.h"
 
-#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <mutex>
@@ -12,6 +11,7 @@
 
 namespace {
 
+constexpr int64_t kMostTestSamples = int64_t{1} << 24;  // of rates that lie far apart
 constexpr int kVariableFrameSize = 10000;
 constexpr int kTestPeriodSec = 10;
 constexpr float kToneStep = 691.1504F;  // 2 pi times 110 Hz
@@ -118,7 +118,7 @@ AVFrame* AudioEnc::get_audio_frame_test(OutputStream* ost, const AVRational& tb)
     const int64_t nb_samples =
         possible ? av_rescale_rnd(ost->frame->nb_samples, m_info.sample_rate_src, m_info.sample_rate_dst, AV_ROUND_UP)
                  : 0;
-    if (!possible || nb_samples <= 0 || nb_samples > INT_MAX) {
+    if (!possible || nb_samples <= 0 || nb_samples > kMostTestSamples) {
       nuv::print_stderr("Could not allocate temporary audio samples\n");
       return nullptr;
     }
