@@ -3,17 +3,23 @@
 /// again.
 ///
 /// A host fills a MovieInfo2, calls MERU2_start, pushes each packet with its time stamp, and ends with MERU2_stop.
-/// Every packet pushed before MERU2_stop is in the output, in the order of the stamps, but for what is damaged: sound
-/// with a broken header, and bytes in which no packet is found, are left out with a line in the log.
+/// Every packet pushed before MERU2_stop is in the output, in the order of the stamps, but for what is damaged or late:
+/// sound with a broken header, and bytes in which no packet is found, are dropped with a line in the log.
 ///
-/// A packet of video is one access unit of an Annex B stream (start codes, parameter sets in the stream), without
-/// B-frames; a packet of audio is one ADTS frame. The packets of each medium are read as one stream of bytes and found
-/// in it again, the n-th found one getting the n-th stamp. Other formats that FFmpeg reads under a name may do, too.
+/// A packet of video is one access unit of an Annex B stream (start codes, parameter sets in the stream); a packet of
+/// audio is one ADTS frame. The packets of each medium are read as one stream of bytes and found in it again, each with
+/// the timestamp of the pushed packet in which it begins; damage moves no timestamp of what follows. Other formats that
+/// FFmpeg reads under a name may do, too.
+///
+/// Video with B-frames is pushed in decoding order, with timestamps that rise from packet to packet: they are taken as
+/// dts, and the pts are found from the order in which the frames are shown. Timestamps that fall, such as the pts of
+/// these packets, end the session with -22. Hosts that have both timestamps use MERU2_write_video_packet_ts, see
+/// session.h.
 ///
 /// Stamps are microseconds from the beginning of the movie, on one clock for video and audio; a movie whose stamps
 /// begin far from 0 begins with a gap as long. Packets of a medium may come out of order by up to six. A stamp that is
-/// still waiting in the same medium counts as one microsecond later. A packet that comes later than that, and so lies
-/// before one that is written, is left out.
+/// still waiting in the same medium counts as one microsecond later. A packet that comes later than that, and so is not
+/// later than one that is written, is dropped; the first one has a line in the log.
 ///
 /// In a forked child the sessions of its parent count as null, and MERU2_stop on one returns at once.
 ///
@@ -66,7 +72,10 @@ typedef struct MovieInfo2 MovieInfo2;  ///< for hosts in C
 ///              -5 "failed to writing header": the container or an RTSP server refused the streams;
 ///              negative FFmpeg codes otherwise: the output cannot be opened or has no known container, an input's
 ///              format is unknown, an input ended before enough of it came to open it, or the main output failed
-///              while packets were written (with FFmpeg's text alone then), or there is no memory or thread left.
+///              while packets were written (with FFmpeg's text alone then), or there is no memory or thread left;
+///              -22 (EINVAL), with a text that says which, for packets that cannot be recorded: H.264 with length fields
+///              (AVCC) instead of start codes, 8 MiB in which no parameters of the stream are found, or timestamps that
+///              fall in video with B-frames.
 ///              After a negative code nothing more is recorded: pushes return at once, and drop what they are given.
 /// @param user  handed to `cb` unchanged
 /// @return the session, to be ended with MERU2_stop even when it fails; null only when there is no memory for it. When

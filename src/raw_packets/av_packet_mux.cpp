@@ -343,6 +343,7 @@ void AVPacketMux::copy_packets() {
   MuxInput video{"h264", m_video_ctx.get(), &m_video, m_video_ost};
   MuxInput audio{"aac", m_audio_ctx.get(), &m_audio, m_audio_ost};
   video.reorders = m_reorders;
+  video.indexed = m_writer->m_indexed;
   audio.bare = m_bare_sound;
   CopyLoop loop(&video, &audio, m_writer.get());
   const int copied = loop.run();

@@ -30,17 +30,31 @@ void set_duration(AVPacket* packet, const MuxInput& input) {
   packet->duration = static_cast<int64_t>(static_cast<uint64_t>(packet->dts) - static_cast<uint64_t>(input.last_dts));
 }
 
+/// A side index leaves a dts out that is as far from the last one as the pts is from the last pts, and its readers then
+/// take the pts for it. Where frames are reordered such a dts goes one tick earlier.
+void tell_from_pts(AVPacket* packet, const MuxInput& input) {
+  const AVRational time_base = input.ost->time_base;
+  const int64_t dts = av_rescale_q(packet->dts, kUsec, time_base);
+  const int64_t pts = av_rescale_q(packet->pts, kUsec, time_base);
+  const int64_t last_dts = input.written ? input.last_tick : 0;
+  const int64_t last_pts = input.written ? input.last_pts_tick : 0;
+  const bool left_out = dts == last_dts || dts - last_dts == pts - last_pts;
+  if (!left_out || dts == pts || (input.written && dts - 1 <= last_dts)) return;
+  packet->dts = av_rescale_q_rnd(dts - 1, time_base, kUsec, AV_ROUND_DOWN);
+}
+
 /// Two stamps that are not the same may become the same in the output, whose time base can be a millisecond: the writer
 /// would drop the second packet. It then goes one tick behind the first.
 void keep_apart(AVPacket* packet, MuxInput* input) {
   const AVRational time_base = input->ost->time_base;
-  int64_t tick = av_rescale_q(packet->dts, kUsec, time_base);
+  const int64_t tick = av_rescale_q(packet->dts, kUsec, time_base);
   if (input->written && tick <= input->last_tick) {
     packet->dts = av_rescale_q_rnd(input->last_tick + 1, time_base, kUsec, AV_ROUND_UP);
     packet->pts = std::max(packet->pts, packet->dts);
-    tick = av_rescale_q(packet->dts, kUsec, time_base);
   }
-  input->last_tick = tick;
+  if (input->indexed && input->reorders) tell_from_pts(packet, *input);
+  input->last_pts_tick = av_rescale_q(packet->pts, kUsec, time_base);
+  input->last_tick = av_rescale_q(packet->dts, kUsec, time_base);
 }
 
 }  // namespace

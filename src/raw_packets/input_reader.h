@@ -17,9 +17,11 @@ struct MuxInput {
   AVStream* ost;          ///< the output stream made for it
   bool bare = false;      ///< frames of sound are written without their headers
   bool reorders = false;  ///< the frames may come in another order than they are shown
+  bool indexed = false;   ///< the output has a side index
   bool written = false;   ///< a packet of it was written
   int64_t last_dts = 0;   ///< of the packet written last, microseconds, as the input had it
   int64_t last_tick = std::numeric_limits<int64_t>::min();  ///< the same packet's dts as the output has it
+  int64_t last_pts_tick = 0;                                ///< the same of its pts
   bool late = false;                                        ///< a packet of it came too late
 };
 

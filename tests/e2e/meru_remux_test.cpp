@@ -168,6 +168,27 @@ TEST_F(MeruRemuxTest, KilledRemuxIsRepairedWithPicturesAndSound) {
   EXPECT_GT(decoded_sound(m_folder.file("out.mp4")).size(), 40000U);
 }
 
+/// The side index keeps both timestamps of each frame.
+TEST_F(MeruRemuxTest, KilledRemuxWithBFramesIsRepairedWithItsTimestamps) {
+  m_folder.make(
+      "-f lavfi -i testsrc2=size=160x120:rate=25 -t 30 -c:v libx264 -preset ultrafast -bf 3 -g 25 -b_strategy 0 "
+      "long.mp4");
+  ToolProcess process(m_folder, "long.mp4 --realtime --progress 20 -o cut.mp4 --index cut.index", -1, "remux");
+  ASSERT_TRUE(process.reaches(3)) << process.err();
+  process.send(SIGKILL);
+  ASSERT_EQ(process.wait(), 128 + SIGKILL);
+  const ToolRun run = m_folder.run("repair --json cut.mp4 cut.index out.mp4");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(decode_errors(m_folder.file("out.mp4")), "");
+  const auto source = probe_packets(m_folder.file("long.mp4"), "v:0");
+  const auto found = probe_packets(m_folder.file("out.mp4"), "v:0");
+  ASSERT_GT(found.size(), 40U);
+  for (size_t i = 0; i < found.size(); ++i) {
+    EXPECT_NEAR(found[i].pts, source[i].pts, 0.002) << i;
+    EXPECT_NEAR(found[i].dts, source[i].dts, 0.002) << i;
+  }
+}
+
 TEST_F(MeruRemuxTest, CtrlCCompletesTheMovie) {
   ToolProcess process(m_folder, "movie.mp4 --realtime --progress 20 -o out.mp4", -1, "remux");
   ASSERT_TRUE(process.reaches(1)) << process.err();

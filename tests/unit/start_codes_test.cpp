@@ -63,4 +63,34 @@ TEST_F(LengthenedParameters, NotOfH264InLengthPrefixedForm) {
   EXPECT_EQ(extradata(), BYTES("\1\0\0\1\x67x"));
 }
 
+struct PrefixCase {
+  const char* name;
+  std::string packet;
+  bool prefixed;
+};
+void PrintTo(const PrefixCase& c, std::ostream* out) { *out << c.name; }
+
+class LengthPrefix : public testing::TestWithParam<PrefixCase> {};
+
+TEST_P(LengthPrefix, IsRecognized) {
+  const std::string& packet = GetParam().packet;
+  EXPECT_EQ(looks_length_prefixed(reinterpret_cast<const uint8_t*>(packet.data()), packet.size()), GetParam().prefixed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Packets, LengthPrefix,
+                         testing::Values(PrefixCase{"nothing", "", false}, PrefixCase{"byte", "a", false},
+                                         PrefixCase{"one_unit", BYTES("\0\0\0\3\x65xy"), true},
+                                         PrefixCase{"two_units", BYTES("\0\0\0\2\x67x\0\0\0\3\x65xy"), true},
+                                         PrefixCase{"record", BYTES("\1\x64\0\x1f\xff\xe1\0\1x"), true},
+                                         PrefixCase{"start_code", BYTES("\0\0\0\1\x67"), false},
+                                         PrefixCase{"short_start_code", BYTES("\0\0\1\x67xy"), false},
+                                         PrefixCase{"many_zeros", BYTES("\0\0\0\0\0\1\x67"), false},
+                                         PrefixCase{"length_beyond_the_end", BYTES("\0\0\0\4\x65xy"), false},
+                                         PrefixCase{"rest", BYTES("\0\0\0\2\x65xyz"), false},
+                                         PrefixCase{"no_length", BYTES("\0\0\0\0\x65"), false},
+                                         PrefixCase{"huge_length", BYTES("\xff\xff\xff\xff\x65xy"), false},
+                                         PrefixCase{"forbidden_bit", BYTES("\0\0\0\3\xe5xy"), false},
+                                         PrefixCase{"text", "this is no packet at all", false}),
+                         meru_test::CaseName());
+
 }  // namespace

@@ -76,9 +76,10 @@ class PacketRecorder(Session):
         """Pushes one picture.
 
         packet: an object with the buffer protocol that holds one access unit of an Annex B stream: start codes, the
-            parameter sets where the stream has them, no B-frames. Copied. None asks for pictures that are held back for
+            parameter sets where the stream has them. Copied. None asks for pictures that are held back for
             reordering to be passed on.
-        pts_usec: when it is shown. Stamps may come out of order by up to six packets.
+        pts_usec: when it is shown. Stamps may come out of order by up to six packets. With B-frames, when it is decoded,
+            rising from packet to packet.
 
         Raises ValueError when the recording is over, and its failure when it has failed: nothing is recorded any more
         then.
