@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -106,14 +107,24 @@ void Told::callback(int code, const char* text, void* user) {
 
 namespace {
 
+thread_local const MR::SessionReport* t_session = nullptr;  // whose books are being checked
+
 /// What the check of the books finds.
 class Finding : public testing::EmptyTestEventListener {
-  void OnTestPartResult(const testing::TestPartResult& result) override { violated(result.message()); }
+  void OnTestPartResult(const testing::TestPartResult& result) override {
+    for (size_t i = 0; t_session != nullptr && i < t_session->outputs.size(); ++i) {
+      const MR::OutputBooks* output = t_session->outputs[i];
+      report(output->complete ? "complete output: " : "incomplete output: ", output->url.c_str());
+    }
+    violated(result.message());
+  }
 };
 
 /// Looks at the end of every session into its books, and into its files.
 void observe(const MR::SessionReport& session) {
+  t_session = &session;
   meru_test::check_books(session);
+  t_session = nullptr;
   if (session.encodes) --g_open;
 }
 
@@ -196,6 +207,19 @@ void be_quiet() {
   if (freopen("/dev/null", "w", stdout) == nullptr || freopen("/dev/null", "w", stderr) == nullptr) abort();
 }
 
+/// Tells the round when a call brings the program down.
+void report_signals() {
+  if (meru_test::kSanitized) return;  // has reports of its own
+  for (const int number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGPIPE}) {
+    signal(number, [](int caught) {
+      signal(caught, SIG_DFL);
+      report("died: ", strsignal(caught));
+      CallSite::print_all();
+      raise(caught);
+    });
+  }
+}
+
 struct Arguments {
   uint64_t seed = std::random_device()();
   int64_t rounds = INT64_MAX;
@@ -238,6 +262,7 @@ int main(int argc, char** argv) {
   testing::InitGoogleTest();
   testing::UnitTest::GetInstance()->listeners().Append(new Finding);
   if (arguments.quiet) be_quiet();
+  report_signals();
   dprintf(g_report, "session_fuzz: first seed %llu\n", static_cast<unsigned long long>(arguments.seed));
   atexit([] {
     if (!g_done) violated("no call ends the process");

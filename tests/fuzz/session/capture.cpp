@@ -139,7 +139,7 @@ void Record::make_odd(Dice* dice) {
   static constexpr int kSizes[] = {0, -1, 1, 2, 17, 64, 66, 130, 321, INT_MAX, INT_MIN};
   static constexpr int kSmallSizes[] = {1, 2, 17, 33, 64, 66, 130, 321};
   static constexpr int kRates[] = {0, -1, 1, 5, 30, 60, 1000, INT_MAX};
-  static constexpr int kSampleRates[] = {0, -1, 1, 8000, 11025, 22050, 44100, 48000, 96000, 192000};
+  static constexpr int kSampleRates[] = {0, -1, 8000, 11025, 22050, 44100, 48000, 96000, 192000};
   static constexpr int kChannels[] = {0, -1, 1, 2, 3, 6, 8, 9, 16, 24, 63, 64, 65, INT_MAX};
   static constexpr int kOddities[] = {-1, 0, 1, 2, 3, 5, 9, 255, INT_MAX};
   static constexpr int kBitRates[] = {-1, 0, 1, 8, 200, 100000, INT_MAX};
@@ -188,7 +188,7 @@ class Clock {
   Clock(Dice* dice, int64_t step) : m_dice(dice), m_step(step) {}
   /// @param bounded  not so far away that the time between would have to be filled with hours of silence
   int64_t next(bool bounded) {
-    static constexpr int64_t kStrange[] = {LLONG_MAX, LLONG_MIN, -1, 0, INT64_C(1) << 60, -(INT64_C(1) << 60)};
+    static constexpr int64_t kStrange[] = {LLONG_MIN, -1, 0, -(INT64_C(1) << 60)};
     switch (m_dice->below(16)) {
       case 0:
         return m_now;
@@ -197,9 +197,10 @@ class Clock {
       case 2:
         return m_now += m_dice->below(2000000);
       case 3:
-        if (!bounded && m_dice->one_in(4)) return m_dice->of(kStrange);
+        if (!bounded && m_begun && m_dice->one_in(4)) return m_dice->of(kStrange);
         [[fallthrough]];
       default:
+        m_begun = true;  // the first timestamp says where time begins
         return m_now += m_step;
     }
   }
@@ -207,6 +208,7 @@ class Clock {
  private:
   Dice* m_dice;
   int64_t m_step;
+  bool m_begun = false;
   int64_t m_now = MERU_current_sys_usec();
 };
 
@@ -238,7 +240,7 @@ class VideoPusher {
       case 3:
         return push_frame(pts, m_info.pix_fmt_src, m_info.width_src, m_info.height_src);
       case 4:
-        return push_test_frame();
+        return push_test_frame(pts);
       default:
         m_image[static_cast<size_t>(m_dice.below(static_cast<int>(m_image.size())))] ^= 0x55;
         CALL(MERU_write_video_bgra, m_session, m_image.data(), static_cast<int>(m_image.size()), pts, m_linesize);
@@ -268,14 +270,16 @@ class VideoPusher {
     CALL(MERU_write_video_frame, m_session, frame.get(), kUsec);
     CALL(MERU_write_video_frame, m_session, nullptr, kUsec);
   }
-  void push_test_frame() {
+  void push_test_frame(int64_t pts) {
     // So it does where there is none to the format of the test picture.
     if (!m_valid || !converts(m_info.pix_fmt_src, &sws_isSupportedOutput) || m_info.width_src < 16 ||
         m_info.height_src < 16) {
       return;
     }
     AVFrame* frame = CALL(MERU_generate_testing_vFrame, m_session, kUsec);
-    if (frame != nullptr) CALL(MERU_write_video_frame, m_session, frame, kUsec);
+    if (frame == nullptr) return;
+    frame->pts = pts;
+    CALL(MERU_write_video_frame, m_session, frame, kUsec);
   }
 
   void* m_session;
@@ -309,6 +313,7 @@ class AudioPusher {
         break;
       case 2:
         if (AVFrame* frame = CALL(MERU_generate_testing_aFrame, m_session, kUsec); frame != nullptr) {
+          frame->pts = pts;
           CALL(MERU_write_audio_frame, m_session, frame, kUsec);
         }
         break;
