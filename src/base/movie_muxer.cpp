@@ -1,5 +1,7 @@
 #include "base/movie_muxer.h"
 
+#include <new>
+
 #include "AVSnapshot/snapshot.h"
 #include "common/log_site.h"
 #include "common/no_sigpipe.h"
@@ -46,12 +48,17 @@ MovieMuxer::~MovieMuxer() {
 
 void MovieMuxer::publish_books() const {
   if (!MR::books_are_observed()) return;
-  MR::SessionReport report{true, {}, {}};
-  report.accounts = {{"video frames", &m_books.video_frames},
-                     {"source samples", &m_books.source_samples},
-                     {"encoder samples", &m_books.encoder_samples}};
-  for (const BaseWriter* w = m_writer.get(); w != nullptr; w = w->m_next_writer) report.outputs.push_back(&w->m_books);
-  MR::publish_books(report);
+  try {
+    MR::SessionReport report{true, {}, {}};
+    report.accounts = {{"video frames", &m_books.video_frames},
+                       {"source samples", &m_books.source_samples},
+                       {"encoder samples", &m_books.encoder_samples}};
+    for (const BaseWriter* w = m_writer.get(); w != nullptr; w = w->m_next_writer)
+      report.outputs.push_back(&w->m_books);
+    MR::publish_books(report);
+  } catch (const std::bad_alloc&) {
+    MERU_LOG(4, "no memory for a report");
+  }
 }
 
 int MovieMuxer::write_video_frame(AVFrame* frame, const AVRational* tb, MR::Taken* taken) {
