@@ -32,7 +32,20 @@ PictureOrder::Order PictureOrder::order_of(const AVPacket* packet) {
 }
 
 /// A frame that should have been shown before one that has its pts already: the stream reorders by more than was known.
-bool PictureOrder::is_late(const Order& order) { return order < m_last && m_parser->pict_type == AV_PICTURE_TYPE_B; }
+bool PictureOrder::is_late(const Order& order) const {
+  return order < m_last && m_parser->pict_type == AV_PICTURE_TYPE_B;
+}
+
+/// A stream reorders by as many frames as are decoded before another and shown after it.
+void PictureOrder::learn_delay(const Order& order) {
+  const auto shown_later = std::count_if(m_recent.begin(), m_recent.end(), [&](const Order& o) { return o > order; });
+  m_delay = std::clamp(static_cast<size_t>(shown_later), m_delay, kMaxDelay);
+}
+
+void PictureOrder::remember(const Order& order) {
+  if (m_recent.size() == kMaxDelay) m_recent.pop_front();
+  m_recent.push_back(order);
+}
 
 void PictureOrder::put(PacketPtr packet) {
   const int64_t dts = packet->dts;
@@ -41,12 +54,14 @@ void PictureOrder::put(PacketPtr packet) {
   m_last_dts = dts;
   Order order = order_of(packet.get());
   if (is_late(order)) {
-    m_delay = std::min(m_delay + 1, kMaxDelay);
+    learn_delay(order);
+    remember(order);
     packet->pts = dts;
     m_frames.push_back({std::move(packet), true});
     return;
   }
   if (order < m_last) order.first = ++m_sequence;  // the count began again without an IDR frame
+  remember(order);
   m_frames.push_back({std::move(packet), false});
   m_waiting.emplace(order, number);
   if (m_waiting.size() > m_delay) give_next(dts);

@@ -38,7 +38,9 @@ class PictureOrder {
   };
 
   Order order_of(const AVPacket* packet);
-  bool is_late(const Order& order);
+  bool is_late(const Order& order) const;
+  void learn_delay(const Order& order);
+  void remember(const Order& order);
   void give_next(int64_t pts);
 
   std::unique_ptr<AVCodecParserContext, CloseParser> m_parser;
@@ -48,6 +50,7 @@ class PictureOrder {
   std::set<std::pair<Order, int64_t>> m_waiting;  // without pts, with their number
   int64_t m_first = 0;                            // number of the first frame in m_frames
   int64_t m_sequence = 0;
+  std::deque<Order> m_recent;          // of the frames decoded last
   Order m_last{INT64_MIN, INT64_MIN};  // of the frame that was given its pts last
   int64_t m_last_dts = 0;
   int64_t m_step = 0;

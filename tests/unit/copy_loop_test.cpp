@@ -230,6 +230,28 @@ TEST_F(CopyLoopTest, PacketThatComesTooLateIsDroppedAndCounted) {
             1);
 }
 
+/// A side index takes a first dts of 0 for the pts.
+TEST_F(CopyLoopTest, FirstDtsBeforeItsPtsIsNotZeroWithASideIndex) {
+  for (const bool indexed : {false, true}) {
+    InputBuffer buffer;
+    for (long long i = 0; i < 5; ++i) {
+      RawPacket packet = s_video[static_cast<size_t>(i)];
+      push_data_ts(&buffer, packet.data.data(), static_cast<int>(packet.data.size()), i * 40000 + 80000, i * 40000);
+    }
+    buffer._push_back_(nullptr, INT32_MAX, false, 0);
+    const InputContextPtr ctx = open(&buffer, "h264");
+    FakeWriter writer;
+    MuxInput video{"h264", ctx.get(), &buffer, m_video_ost};
+    video.indexed = indexed;
+    MuxInput audio{"aac", nullptr, &m_audio, nullptr};
+    CopyLoop(&video, &audio, &writer).run();
+    ASSERT_EQ(writer.packets.size(), 5U);
+    EXPECT_EQ(writer.packets[0].dts, indexed ? -1 : 0);
+    EXPECT_EQ(writer.packets[0].pts, 80000);
+    EXPECT_EQ(writer.packets[1].dts, 40000);
+  }
+}
+
 TEST_F(CopyLoopTest, WriteErrorEndsTheCopying) {
   fill_video(s_video);
   fill_audio(s_audio);

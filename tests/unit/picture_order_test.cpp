@@ -74,7 +74,8 @@ TEST_F(PictureOrderTest, ReorderingThatIsNotAnnouncedIsLearned) {
   for (size_t i = 0; i < times.size(); ++i) {
     EXPECT_EQ(times[i].dts, packets[i].dts) << i;
     EXPECT_GE(times[i].pts, times[i].dts) << i;
-    if (i >= 20) EXPECT_NEAR(static_cast<double>(times[i].pts), static_cast<double>(packets[i].pts), 2.0) << i;
+    if (i < 20) continue;  // the first group of pictures
+    EXPECT_NEAR(static_cast<double>(times[i].pts), static_cast<double>(packets[i].pts), 2.0) << i;
   }
 }
 
