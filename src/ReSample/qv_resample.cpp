@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "ReSample/finite_samples.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
 #include "common/printf_i64.h"
@@ -169,6 +170,7 @@ int QVResample::convert(const uint8_t* const* planes, int count) {
       swr_convert(m_swr.get(), m_converted->extended_data, most, const_cast<const uint8_t**>(planes), count);
   if (made <= 0) return made;
   m_counts.out += made;
+  make_finite(m_converted.get(), made);
   const int wanted = av_audio_fifo_size(m_fifo.get()) + made;
   if (av_audio_fifo_realloc(m_fifo.get(), wanted) < 0) {
     MERU_LOG(2, "--- audio fifo realloc failed: sz = %d", wanted);
