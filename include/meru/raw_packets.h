@@ -73,10 +73,10 @@ typedef struct MovieInfo2 MovieInfo2;  ///< for hosts in C
 ///              negative FFmpeg codes otherwise: the output cannot be opened or has no known container, an input's
 ///              format is unknown, an input ended before enough of it came to open it, or the main output failed
 ///              while packets were written (with FFmpeg's text alone then), or there is no memory or thread left;
-///              -22 (EINVAL), with a text that says which, for packets that cannot be recorded: H.264 with length fields
-///              (AVCC) instead of start codes, 8 MiB in which no parameters of the stream are found, or timestamps that
-///              fall in video with B-frames.
-///              After a negative code nothing more is recorded: pushes return at once, and drop what they are given.
+///              -22 (EINVAL), with a text that says which, for packets that cannot be recorded: H.264 with length
+///              fields (AVCC) instead of start codes, 8 MiB in which no parameters of the stream are found, or
+///              timestamps that fall in video with B-frames. After a negative code nothing more is recorded: pushes
+///              return at once, and drop what they are given.
 /// @param user  handed to `cb` unchanged
 /// @return the session, to be ended with MERU2_stop even when it fails; null only when there is no memory for it. When
 ///         the system gives no thread there is a session, too: `cb` has then been told so, with the system's error as a
