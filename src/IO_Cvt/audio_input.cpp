@@ -138,7 +138,9 @@ bool AudioInput::init(const MovieInfo& info) {
 int AudioInput::refuse(int64_t nb_samples) {
   const bool exists = MERU_audio_dst_frame(m_owner) != nullptr;
   books().source_samples.take(nb_samples);
-  books().source_samples.drop(exists ? MR::Drop::kRefused : MR::Drop::kDisabled, nb_samples);
+  const MR::Drop reason = exists ? MR::Drop::kRefused : MR::Drop::kDisabled;
+  const bool first = books().source_samples.drop(reason, nb_samples);
+  MR::report_drop("audio", reason, first && exists, "it is not of the rate, sample format and channels of the record");
   return 0;
 }
 

@@ -267,8 +267,7 @@ int MR_AVWriter::write_queued() {
   m_in_band = std::make_unique<InBandExtradata>(m_extradata_apart ? m_fmt_ctx : nullptr);
   RtspTail tail(m_fmt_ctx);
   RoomAhead room(m_fmt_ctx);
-  Mp4Gaps gaps(m_fmt_ctx);
-  bool gap_reported = false;
+  Mp4Gaps gaps(m_fmt_ctx, m_number);
   AVPacket pkt;
   meru_compat::init_packet(&pkt);
   while (m_queue->get(&pkt, true) >= 0) {
@@ -282,11 +281,7 @@ int MR_AVWriter::write_queued() {
     }
     const int stream = pkt.stream_index;
     meru_compat::complete_duration(m_fmt_ctx->streams[stream], &pkt);
-    if (gaps.bound(&pkt) && !gap_reported) {
-      gap_reported = true;
-      MERU_LOG(2, "output %d: the gap before a packet of stream %d is longer than the container holds; it is left out",
-               m_number, stream);
-    }
+    gaps.bound(&pkt);
     tail.note(&pkt);
     int ret = m_in_band->add_to(&pkt);
     if (ret >= 0) ret = write_frame(&pkt);

@@ -4,6 +4,8 @@
 #include <climits>
 #include <string_view>
 
+#include "common/log_site.h"
+
 namespace MR {
 
 namespace {
@@ -16,8 +18,8 @@ bool is_mp4(std::string_view muxer) {
 
 }  // namespace
 
-Mp4Gaps::Mp4Gaps(const AVFormatContext* ctx)
-    : m_limited(ctx != nullptr && ctx->nb_streams <= kStreams && is_mp4(ctx->oformat->name)) {
+Mp4Gaps::Mp4Gaps(const AVFormatContext* ctx, int output)
+    : m_limited(ctx != nullptr && ctx->nb_streams <= kStreams && is_mp4(ctx->oformat->name)), m_output(output) {
   m_last_dts.fill(AV_NOPTS_VALUE);
 }
 
@@ -33,6 +35,11 @@ bool Mp4Gaps::bound(AVPacket* pkt) {
     pkt->pts = pkt->dts + std::min<int64_t>(ahead, INT_MAX / 2);
   }
   last = pkt->dts;
+  if (too_far && !m_reported) {
+    m_reported = true;
+    MERU_LOG(2, "output %d: a gap of stream %d is longer than the container holds; what follows is moved up", m_output,
+             pkt->stream_index);
+  }
   return too_far;
 }
 

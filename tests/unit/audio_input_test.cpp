@@ -124,6 +124,23 @@ TEST_F(AudioInputTest, ReadyFramesAreCountedToo) {
   EXPECT_EQ(source().dropped(Drop::kRefused), 70);
 }
 
+TEST_F(AudioInputTest, FramesThatAreNotWhatTheRecordAnnouncesAreReportedOnce) {
+  start_at_first();
+  meru_test::LogCapture log;
+  const FramePtr other_rate = meru_test::make_samples(AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_STEREO, 44100, 1000);
+  const FramePtr other_format = meru_test::make_samples(AV_SAMPLE_FMT_FLT, AV_CH_LAYOUT_STEREO, 48000, 1000);
+  const FramePtr other_channels = meru_test::make_samples(AV_SAMPLE_FMT_S16, AV_CH_LAYOUT_MONO, 48000, 1000);
+  for (AVFrame* frame : {other_rate.get(), other_format.get(), other_channels.get()}) {
+    frame->pts = kFirst;
+    EXPECT_EQ(m_session->fill_audio_frame(frame, kUsec), 0);
+  }
+  EXPECT_EQ(source().dropped(Drop::kRefused), 3000);
+  EXPECT_EQ(log.count(2,
+                      "audio dropped (refused): it is not of the rate, sample format and channels of the "
+                      "record; others are only counted"),
+            1);
+}
+
 TEST_F(AudioInputTest, RecordWithoutAudioDropsFrames) {
   m_info.no_audio = true;
   start_at_first();

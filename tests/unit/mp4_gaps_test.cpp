@@ -58,7 +58,7 @@ TEST(Mp4GapsTest, PacketsAfterALongGapFollowTheOneBefore) {
     avformat_new_stream(made, nullptr);
     return made;
   }());
-  MR::Mp4Gaps gaps(ctx.get());
+  MR::Mp4Gaps gaps(ctx.get(), 0);
   AVPacket pkt{};
   const auto bound = [&](int64_t dts, int64_t pts) {
     pkt.dts = dts;
@@ -82,7 +82,7 @@ TEST(Mp4GapsTest, OtherContainersHoldAnyGap) {
     avformat_new_stream(made, nullptr);
     return made;
   }());
-  MR::Mp4Gaps gaps(ctx.get());
+  MR::Mp4Gaps gaps(ctx.get(), 0);
   AVPacket pkt{};
   gaps.bound(&pkt);
   pkt.dts = pkt.pts = INT64_MAX;

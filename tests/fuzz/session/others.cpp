@@ -11,6 +11,7 @@
 #include "meru/raw_packets.h"
 #include "meru/recording.h"
 #include "meru/repair.h"
+#include "meru/session.h"
 #include "support/small_movie.h"
 
 namespace session_fuzz {
@@ -60,13 +61,21 @@ class PacketPusher {
       : m_session(session),
         m_audio(audio),
         m_packet(audio ? meru_fuzz::silence() : meru_fuzz::picture()),
-        m_dice(dice) {}
+        m_dice(dice),
+        m_both(!audio && m_dice.one_in(3)) {}
   void run(int pushes) {
     for (int i = 0; i < pushes; ++i) push();
   }
 
  private:
   void write(std::string data, int size) {
+    if (m_both) {
+      const long long dts = stamp();
+      const long long pts = dts < (1LL << 60) ? dts + m_dice.below(3) * 33333 - 100 : dts;
+      require(CALL(MERU2_write_video_packet_ts, m_session, size < 0 ? nullptr : data.data(), size, pts, dts),
+              "a push is taken");
+      return;
+    }
     const auto function = m_audio ? &MERU2_write_audio_packet : &MERU2_write_video_packet;
     const CallSite site(m_audio ? "MERU2_write_audio_packet" : "MERU2_write_video_packet");
     require(function(m_session, size < 0 ? nullptr : data.data(), size, stamp()), "a push is taken");
@@ -114,6 +123,7 @@ class PacketPusher {
   bool m_audio;
   std::string m_packet;
   Dice m_dice;
+  bool m_both;  // pushes both timestamps of each packet
   long long m_now = 0;
 };
 
