@@ -114,7 +114,6 @@ class MovieMuxer : public MovieBase {
   OpenedStreams create_streams(MovieInfo* info);
   void open_streams(OpenedStreams opened, const MovieInfo& info);
   [[noreturn]] static void throw_exited();
-  void open_gated(const std::string& path, const std::function<bool()>& open, std::function<void()> close);
   void open_io(const MovieInfo& info);
   void open_snapshot(const MovieInfo& info);
   void write_header(const MovieInfo& info);

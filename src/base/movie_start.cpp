@@ -188,21 +188,12 @@ void MovieMuxer::open_streams(OpenedStreams opened, const MovieInfo& info) {
   m_audio_enc = std::move(opened.audio);
 }
 
-/// Opens a file, empty `path` for one that is none. Throws when the recording was stopped.
-void MovieMuxer::open_gated(const std::string& path, const std::function<bool()>& open, std::function<void()> close) {
-  if (path.empty()) {
-    open();
-  } else if (!m_start_ctx->gate.pass([&] { m_start_ctx->gate.open_file(path, open, std::move(close)); })) {
-    throw_exited();
-  }
-}
-
 void MovieMuxer::open_io(const MovieInfo& info) {
   if (m_writer->m_live) m_writer->limit_opening();  // until the header is written
   if ((m_oformat->get()->flags & AVFMT_NOFILE) != 0) return;
   int ret = 0;
   const auto open = [&] { return (ret = MR::open_io(m_oc.get(), info.url, info.timeout_sec)) >= 0; };
-  open_gated(MR::local_path(info.url), open, [this] { avio_closep(&m_oc->pb); });
+  if (!m_start_ctx->gate.open(MR::local_path(info.url), open, [this] { avio_closep(&m_oc->pb); })) throw_exited();
   if (ret >= 0) return;
   if (m_writer->m_interrupt.too_late()) ret = AVERROR(ETIMEDOUT);
   // The text keeps its form without the address; the line behind it has the address without its secret key.
@@ -223,7 +214,8 @@ void MovieMuxer::open_snapshot(const MovieInfo& info) {
     m_writer->m_indexed = opened && m_snapshot->write_header(m_oc.get());
     return opened;
   };
-  open_gated(MR::local_path(info.snapshot_path), open, [this] { m_snapshot->close(); });
+  const std::string path = MR::local_path(info.snapshot_path);
+  if (!m_start_ctx->gate.open(path, open, [this] { m_snapshot->close(); })) throw_exited();
   if (!opened) {
     MERU_LOG(2, "启动快照失败: %s", info.snapshot_path);
     return;

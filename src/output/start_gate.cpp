@@ -49,6 +49,12 @@ void StartGate::open_file(const std::string& path, const std::function<bool()>& 
   entry.close = std::move(close);
 }
 
+bool StartGate::open(const std::string& path, const std::function<bool()>& open, std::function<void()> close) {
+  if (!path.empty()) return pass([&] { open_file(path, open, std::move(close)); });
+  open();
+  return true;
+}
+
 void StartGate::note_open(std::function<void()> close) { m_files.push_back({CreatedFile({}), std::move(close)}); }
 
 /// A host that stops the session from its log callback may be inside a step.

@@ -32,6 +32,9 @@ class StartGate {
   /// @param open  @return whether the file is open
   void open_file(const std::string& path, const std::function<bool()>& open, std::function<void()> close);
 
+  /// A step that opens one file; an empty `path`, for what is none, opens without passing the gate.
+  /// @return false, without opening, when the session was stopped
+  bool open(const std::string& path, const std::function<bool()>& open, std::function<void()> close);
   /// Within a step: should the start be abandoned, `close` is called, before those that were given earlier.
   void note_open(std::function<void()> close);
 

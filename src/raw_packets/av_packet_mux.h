@@ -54,6 +54,8 @@ class AVPacketMux : public OfThisProcess {
   /// Says, while it exists, that the worker is in a call that nothing may be able to break off.
   class Opening;
 
+  static constexpr int kHeaderFailed = -5;
+
   void keep_text(const char** text);
   void worker();
   void thread_running();
@@ -82,6 +84,7 @@ class AVPacketMux : public OfThisProcess {
   void end_inputs();
   bool wait_for_worker();
   bool leave_to_worker();
+  bool writes_files() const;
 
   std::unique_ptr<std::thread> m_thread;
   InputBuffer m_video;

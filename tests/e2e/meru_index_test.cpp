@@ -71,7 +71,8 @@ TEST_F(MeruIndexTest, CutIndexIsShownUpToTheCut) {
 
 TEST_F(MeruIndexTest, DamagedRecordIsTold) {
   std::string text = read_file(m_folder.file("movie.index"));
-  text.replace(text.find("\n,") + 1, 1, "garbage");
+  const size_t body = text.find("}\n", text.find("\"audio\"")) + 2;  // behind the lines of the streams
+  text.insert(body, "garbage");
   write_file(m_folder.file("damaged.index"), text);
   const ToolRun run = m_folder.run("index --json damaged.index");
   EXPECT_EQ(run.status, 1);

@@ -77,7 +77,8 @@ TEST_P(RepairMovieTest, TimesAndKeyFramesAreThoseOfTheWholeMovie) {
     for (size_t i = 0; i < after.size(); ++i) {
       EXPECT_DOUBLE_EQ(after[i].pts, before[i].pts) << stream << i;
       EXPECT_DOUBLE_EQ(after[i].dts, before[i].dts) << stream << i;
-      EXPECT_DOUBLE_EQ(after[i].duration, before[i].duration) << stream << i;
+      // The last one ends with the edit list, which counts milliseconds.
+      EXPECT_NEAR(after[i].duration, before[i].duration, i + 1 < after.size() ? 1e-9 : 0.001) << stream << i;
       EXPECT_EQ(after[i].key, before[i].key) << stream << i;
       EXPECT_EQ(after[i].hash, before[i].hash) << stream << i;
     }

@@ -242,7 +242,7 @@ TEST_F(CopyLoopTest, FirstDtsBeforeItsPtsIsNotZeroWithASideIndex) {
     const InputContextPtr ctx = open(&buffer, "h264");
     FakeWriter writer;
     MuxInput video{"h264", ctx.get(), &buffer, m_video_ost};
-    video.indexed = indexed;
+    video.indexed = video.reorders = indexed;
     MuxInput audio{"aac", nullptr, &m_audio, nullptr};
     CopyLoop(&video, &audio, &writer).run();
     ASSERT_EQ(writer.packets.size(), 5U);

@@ -53,6 +53,7 @@ PROTOTYPES: Dict[str, Tuple[Any, List[Any]]] = {
     "MERU_generate_testing_aFrame": (c_void_p, [c_void_p, POINTER(AVRational)]),
     "MERU2_start": (c_void_p, [POINTER(MovieInfo2), MovieStatusCallback, c_void_p]),
     "MERU2_write_video_packet": (c_bool, [c_void_p, c_void_p, c_int, c_longlong]),
+    "MERU2_write_video_packet_ts": (c_bool, [c_void_p, c_void_p, c_int, c_longlong, c_longlong]),
     "MERU2_write_audio_packet": (c_bool, [c_void_p, c_void_p, c_int, c_longlong]),
     "MERU2_stop": (None, [_SESSION]),
     "MERU_StartRepair_Async": (c_void_p, _REPAIR),
