@@ -87,8 +87,9 @@ bool read_file(const std::string& path, Contents* contents) {
   while (av_read_frame(ctx.get(), packet.get()) >= 0) {
     const AVCodecParameters* par = ctx->streams[packet->stream_index]->codecpar;
     if (packet->size > 0) ++contents->packets[par->codec_type];
-    // Theora repeats a frame by an empty packet, which no reader returns.
-    if (par->codec_id == AV_CODEC_ID_THEORA) contents->with_empty_packets.insert(par->codec_type);
+    // Theora repeats a frame by an empty packet, and FLAC ends with one. No reader returns them.
+    if (par->codec_id == AV_CODEC_ID_THEORA || par->codec_id == AV_CODEC_ID_FLAC)
+      contents->with_empty_packets.insert(par->codec_type);
     if (has_header && std::string_view(avcodec_get_name(par->codec_id)).substr(0, 4) == "pcm_") {
       contents->pcm_samples[par->codec_type] +=
           av_get_audio_frame_duration2(ctx->streams[packet->stream_index]->codecpar, packet->size);

@@ -1,5 +1,6 @@
 // Sessions of packets, repairs and the log.
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -71,7 +72,7 @@ class PacketPusher {
   void write(std::string data, int size) {
     if (m_both) {
       const long long dts = stamp();
-      const long long pts = dts < (1LL << 60) ? dts + m_dice.below(3) * 33333 - 100 : dts;
+      const long long pts = std::abs(dts / 2) < (1LL << 59) ? dts + m_dice.below(3) * 33333 - 100 : dts;
       require(CALL(MERU2_write_video_packet_ts, m_session, size < 0 ? nullptr : data.data(), size, pts, dts),
               "a push is taken");
       return;
