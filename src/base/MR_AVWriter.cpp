@@ -4,14 +4,14 @@
 #include <ostream>
 #include <vector>
 
-#include "base/rtsp_tail.h"
 #include "common/checked_seeks.h"
 #include "common/log_site.h"
 #include "common/no_sigpipe.h"
 #include "common/room_ahead.h"
 #include "output/cloned_context.h"
+#include "output/interleaving.h"
 #include "output/local_file.h"
-#include "output/mp4_gaps.h"
+#include "output/muxer_quirks.h"
 
 namespace MR {
 
@@ -22,8 +22,6 @@ constexpr int kCachePerOutput = 6;
 constexpr int kExtraCachePerOutput = 3;
 constexpr int kErrorTextSize = 512;
 constexpr int64_t kReleaseUsec = 1000000;  // for a connection that was never used
-constexpr int64_t kIndexedInterleaveUsec = 100000;
-constexpr int64_t kLiveInterleaveUsec = 1000000;
 
 bool has_own_io(const AVFormatContext* ctx) { return (ctx->oformat->flags & AVFMT_NOFILE) == 0; }
 
@@ -224,8 +222,9 @@ int MR_AVWriter::writePacket(const AVRational* tb, AVPacket* pkt, bool flag) {
   if (pkt == nullptr) return 0;
   const int stream = pkt->stream_index;
   m_books.of(stream).take();
-  if (!flag && m_prev_writer == nullptr && pkt->dts != AV_NOPTS_VALUE) {
-    m_encoder_delay.returned(av_rescale_q(pkt->dts, *tb, AVRational{1, AV_TIME_BASE}));
+  if (m_prev_writer == nullptr && pkt->dts != AV_NOPTS_VALUE) {
+    StreamDelay& delay = flag ? m_encoder_delay.audio : m_encoder_delay.video;
+    delay.returned(av_rescale_q(pkt->dts, *tb, AVRational{1, AV_TIME_BASE}));
   }
   int result = -1;
   AVRational handed_on = *tb;
@@ -264,26 +263,27 @@ void MR_AVWriter::running() {
 
 /// Writes until the end marker or an error. @return 0 when the output is complete, else the error
 int MR_AVWriter::write_queued() {
-  m_in_band = std::make_unique<InBandExtradata>(m_extradata_apart ? m_fmt_ctx : nullptr);
-  RtspTail tail(m_fmt_ctx);
+  MuxerQuirks quirks(m_fmt_ctx, m_number, m_extradata_apart);
+  m_least_interleave_usec = quirks.interleave_usec();
   RoomAhead room(m_fmt_ctx);
-  Mp4Gaps gaps(m_fmt_ctx, m_number);
   AVPacket pkt;
   meru_compat::init_packet(&pkt);
   while (m_queue->get(&pkt, true) >= 0) {
     if (m_fmt_ctx == nullptr) return -1;
     if (PacketQueue::is_tailer(&pkt)) {
-      int ret = tail.push_out();
+      int ret = quirks.finish();
       if (ret >= 0) ret = write_frame(nullptr);
       if (ret < 0) return ret;
       MERU_LOG(2, "******* get tailer-pkt ****");
       break;
     }
     const int stream = pkt.stream_index;
-    meru_compat::complete_duration(m_fmt_ctx->streams[stream], &pkt);
-    gaps.bound(&pkt);
-    tail.note(&pkt);
-    int ret = m_in_band->add_to(&pkt);
+    if (quirks.is_late(pkt)) {
+      note_drop(Drop::kTimestamp, stream);
+      av_packet_unref(&pkt);
+      continue;
+    }
+    int ret = quirks.prepare(&pkt);
     if (ret >= 0) ret = write_frame(&pkt);
     av_packet_unref(&pkt);
     if (ret < 0) {
@@ -313,15 +313,10 @@ int MR_AVWriter::write_frame(AVPacket* pkt) {
   return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
 }
 
-/// How long a stream waits for the packets of one that delivers nothing: never less than what the encoder holds, or
-/// what it returns would be written after later packets of the other stream. Of a file with an index nothing may be
-/// kept from the disk because the encoder has returned nothing at all yet.
 void MR_AVWriter::set_interleaving() {
-  const int64_t bound = m_live ? kLiveInterleaveUsec : (m_indexed ? kIndexedInterleaveUsec : 0);
-  if (bound == 0) return;
-  int64_t held = m_delay->held_usec();
-  if (held < 0) held = m_live ? m_delay->pushed_usec() : 0;
-  m_fmt_ctx->max_interleave_delta = bound + std::max<int64_t>(held, 0);
+  const int64_t usec = interleave_usec(m_fmt_ctx, m_live, m_indexed, *m_delay);
+  const int64_t wanted = m_least_interleave_usec > 0 ? m_least_interleave_usec : usec;
+  if (wanted > 0) m_fmt_ctx->max_interleave_delta = wanted;
 }
 
 int MR_AVWriter::write_trailer() {

@@ -10,7 +10,6 @@
 #include "base/packetqueue.h"
 #include "base/stream_url.h"
 #include "common/ffmpeg_compat.h"
-#include "output/in_band_extradata.h"
 
 namespace MR {
 
@@ -113,7 +112,7 @@ class MR_AVWriter : public BaseWriter {
   std::array<std::atomic<int64_t>, kMaxStreams> m_last_pts;  // dts where the stream reorders its frames
   std::unique_ptr<MR_AVWriter> m_next_owned;                 // what m_next_writer points to
   std::unique_ptr<meru_compat::OutputFormatCopy> m_format;   // of a further output's context
-  std::unique_ptr<InBandExtradata> m_in_band;                // writing thread; null where nothing has to be added
+  int64_t m_least_interleave_usec = 0;                       // writing thread: what the muxer needs
 };
 
 }  // namespace MR

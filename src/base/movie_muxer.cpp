@@ -86,7 +86,8 @@ int MovieMuxer::encode_video(AVFrame* frame, const AVRational* tb, MR::Taken* ta
     return 0;
   }
   m_last_v_pts = frame->pts;
-  m_writer->m_encoder_delay.pushed(av_rescale_q(frame->pts, m_video_st.enc->time_base, kUsec));
+  const int64_t usec = av_rescale_q(frame->pts, m_video_st.enc->time_base, kUsec);
+  m_writer->m_encoder_delay.video.pushed(usec, usec);
   return m_video_enc->write_video_frame(m_oc.get(), &m_video_st, frame, taken);
 }
 
@@ -103,6 +104,10 @@ int MovieMuxer::encode_audio_frame(AVFrame* frame, const AVRational* tb) {
   if (frame == nullptr) return m_audio_enc->write_audio_frame(m_oc.get(), &m_audio_st, nullptr);
   if (tb != nullptr) frame->pts = av_rescale_q(frame->pts, *tb, m_audio_st.enc->time_base);
   m_last_a_pts = frame->pts;
+  // When the next frame is about to be complete, two have been pushed since this one's start.
+  const AVRational tb_enc = m_audio_st.enc->time_base;
+  m_writer->m_encoder_delay.audio.pushed(av_rescale_q(frame->pts, tb_enc, kUsec),
+                                         av_rescale_q(frame->pts + 2 * frame->nb_samples, tb_enc, kUsec));
   return encode_counted(m_oc.get(), frame);
 }
 

@@ -47,7 +47,8 @@ TEST_P(Interleaving, WaitsForASilentStreamUpToItsBound) {
   ASSERT_GE(writer.writeHeader(output.get(), nullptr), 0);
   writer.start();
   for (int i = 0; i < c.packets; ++i) {
-    writer.m_encoder_delay.pushed((i + c.pushed_ahead) * kFrameUsec);
+    const int64_t usec = (i + c.pushed_ahead) * kFrameUsec;
+    writer.m_encoder_delay.video.pushed(usec, usec);
     ASSERT_EQ(write_video(&writer, i, kPacketBytes), 0);
   }
   ASSERT_TRUE(eventually([&] { return writer.m_books.of(0).passed() == c.packets; }));

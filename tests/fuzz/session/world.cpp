@@ -47,8 +47,6 @@ World::World() {
     const std::string extensions = format->extensions;
     const std::string first = extensions.substr(0, extensions.find(','));
     const AVOutputFormat* guessed = av_guess_format(nullptr, ("a." + first).c_str(), nullptr);
-    // FFmpeg's writer of ASF ends the process where packets of two streams come out of the order of their timestamps.
-    if (guessed != nullptr && strncmp(guessed->name, "asf", 3) == 0) continue;
     if (guessed == nullptr || !encodes(guessed->video_codec) || !encodes(guessed->audio_codec)) continue;
     m_extensions.push_back(first);
   }
