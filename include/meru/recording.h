@@ -70,8 +70,8 @@ MERU_API void* MERU_start(const MovieInfo& info, MovieStatusCallback cb, void* u
 /// output gets `timeout_sec` seconds (5 when that is 0) to take what is pending. During an asynchronous start the call
 /// returns at once and the start cleans up behind itself. No callback runs once it has returned. From inside a status
 /// callback of the same session it returns at once, and the recording is completed on another thread, without the audio
-/// filter. A push that blocks because a live output has stalled must end first: set `timeout_sec`, so that it does. A push
-/// of silence that is still running ends early.
+/// filter. A push that blocks because a live output has stalled must end first: set `timeout_sec`, so that it does. A
+/// push of silence that is still running ends early.
 MERU_API void MERU_stop(void** session);
 
 /// Pauses: what is pushed is dropped until MERU_resume, and that time does not appear in the movie.
@@ -96,9 +96,9 @@ MERU_API long long MERU_movie_time(void* session);
 /// @param nbytes    size of the image in bytes; only logged
 /// @param pts_usec  capture time in microseconds on the clock of MERU_current_sys_usec
 /// @param linesize  bytes from one row to the next, at least 4 * width_src for BGRA; less is refused. Of a planar
-///                  format, that of the first plane; the other planes have the strides of an image whose rows fill `linesize`
-///                  with pixels: for 4:2:0 half of it, rounded up; for the second plane of NV12 `linesize`, rounded up
-///                  to an even number
+///                  format, that of the first plane; the other planes have the strides of an image whose rows fill
+///                  `linesize` with pixels: for 4:2:0 half of it, rounded up; for the second plane of NV12 `linesize`,
+///                  rounded up to an even number
 /// @return nonzero when the image was taken to be encoded; 0 when it was dropped: not started, paused, no video, or
 ///         refused. An image whose stamp does not lie a frame after the last one's is taken and then left out
 /// @threads one pushing thread for video; audio may be pushed from another. Blocks while an output's queue is full:

@@ -107,7 +107,7 @@ int MovieMuxer::encode_audio_frame(AVFrame* frame, const AVRational* tb) {
   // When the next frame is about to be complete, two have been pushed since this one's start.
   const AVRational tb_enc = m_audio_st.enc->time_base;
   m_writer->m_encoder_delay.audio.pushed(av_rescale_q(frame->pts, tb_enc, kUsec),
-                                         av_rescale_q(frame->pts + 2 * frame->nb_samples, tb_enc, kUsec));
+                                         av_rescale_q(frame->pts + int64_t{2} * frame->nb_samples, tb_enc, kUsec));
   return encode_counted(m_oc.get(), frame);
 }
 

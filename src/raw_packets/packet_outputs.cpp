@@ -48,7 +48,8 @@ class AVPacketMux::Opening {
   AVPacketMux* m_session;
 };
 
-/// Whether an output is a local file, whose path the host may use again. A pipe whose reader comes late gets everything.
+/// Whether an output is a local file, whose path the host may use again. A pipe whose reader comes late gets
+/// everything.
 bool AVPacketMux::writes_files() const {
   const auto is_file = [](const char* url) { return url != nullptr && !MR::local_path(url).empty(); };
   return is_file(m_info.url) || is_file(m_info.snapshot_path) ||
