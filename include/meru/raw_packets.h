@@ -102,7 +102,8 @@ MERU_API bool MERU2_write_audio_packet(void* session, void* data, int size, long
 /// output gets 5 seconds to take what is pending. No callback runs once the call has returned; what an input that got
 /// too little leads to is told before that. From inside a callback of the same session it returns at once, and the
 /// session is completed on a thread of the library. When the system cannot be kept from waiting (for a name look-up,
-/// for a pipe that nobody reads) it returns after a few seconds, and the session is completed when the wait is over.
+/// for a pipe that nobody reads) it returns after a few seconds: a session that writes a file is then given up, with
+/// the files that it has created closed and removed; any other is completed when the wait is over.
 MERU_API void MERU2_stop(void** session);
 
 #else  // plain C: the same functions under their plain names, references as pointers

@@ -67,8 +67,9 @@ MERU_API void* MERU_start(const MovieInfo& info, MovieStatusCallback cb, void* u
 /// Ends a recording: encodes what is pending, completes the file, closes every output, frees the session.
 ///
 /// `*session` is set to null first; a null `session` or `*session` is allowed. A file always gets its trailer. A live
-/// output gets `timeout_sec` seconds (5 when that is 0) to take what is pending. During an asynchronous start the call
-/// returns at once and the start cleans up behind itself. No callback runs once it has returned. From inside a status
+/// output gets `timeout_sec` seconds (5 when that is 0) to take what is pending. During an asynchronous start the
+/// call interrupts the start; files that the start has created are closed and removed when it returns, and nothing of
+/// that start touches a file afterwards. No callback runs once it has returned. From inside a status
 /// callback of the same session it returns at once, and the recording is completed on another thread, without the audio
 /// filter. A push that blocks because a live output has stalled must end first: set `timeout_sec`, so that it does. A
 /// push of silence that is still running ends early.
