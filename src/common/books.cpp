@@ -11,9 +11,10 @@ std::atomic<BooksObserver> g_observer{nullptr};
 }  // namespace
 
 const char* drop_text(Drop reason) {
-  static constexpr std::array<const char*, static_cast<size_t>(Drop::kCount)> kTexts{
-      "not started", "paused",  "no such track", "refused",       "timestamp",     "filter",       "encoder",
-      "damaged",     "overlap", "left over",     "failed output", "queue aborted", "out of memory"};
+  static constexpr const char* kTexts[] = {"not started",   "paused",        "no such track", "refused", "timestamp",
+                                           "filter",        "encoder",       "damaged",       "overlap", "left over",
+                                           "failed output", "queue aborted", "out of memory"};
+  static_assert(sizeof(kTexts) / sizeof(*kTexts) == static_cast<size_t>(Drop::kCount));
   return kTexts[static_cast<size_t>(reason)];
 }
 
