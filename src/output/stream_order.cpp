@@ -13,7 +13,6 @@ namespace {
 
 constexpr int64_t kRisingInterleaveUsec = 60000000;
 constexpr int64_t kRoundingUsec = 2000;  // the muxers count milliseconds
-constexpr int64_t kNothingYet = INT64_MIN / 2;
 
 }  // namespace
 
@@ -24,8 +23,7 @@ StreamOrder::Kind StreamOrder::kind_of(const AVFormatContext* ctx) {
   return std::strcmp(name, "flv") == 0 ? Kind::kNothingBeforeTheFirst : Kind::kAny;
 }
 
-StreamOrder::StreamOrder(const AVFormatContext* ctx)
-    : m_ctx(ctx), m_kind(kind_of(ctx)), m_newest_usec(kNothingYet), m_first_usec(INT64_MAX) {}
+StreamOrder::StreamOrder(const AVFormatContext* ctx) : m_ctx(ctx), m_kind(kind_of(ctx)) {}
 
 bool StreamOrder::is_late(const AVPacket& pkt) {
   if (m_kind == Kind::kAny || pkt.dts == AV_NOPTS_VALUE) return false;

@@ -29,8 +29,8 @@ class StreamOrder {
 
   const AVFormatContext* m_ctx;
   Kind m_kind;
-  int64_t m_newest_usec;
-  int64_t m_first_usec;
+  int64_t m_newest_usec = INT64_MIN / 2;  // nothing yet
+  int64_t m_first_usec = INT64_MAX;
   uint64_t m_seen = 0;     // bit by stream
   bool m_written = false;  // a packet may have been written, the earliest so far
 };

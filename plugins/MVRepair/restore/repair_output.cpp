@@ -1,13 +1,12 @@
 #include "MVRepair/restore/repair_output.h"
 
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 
 #include "MVRepair/restore/nuv_base64.h"
 #include "common/extradata.h"
 #include "common/ffmpeg_compat.h"
 #include "common/log_site.h"
+#include "output/local_file.h"
 
 extern "C" {
 #include <libavutil/pixdesc.h>
@@ -82,14 +81,6 @@ int add_audio(AVFormatContext* oc, const MVHeader& header) {
 
 bool has_file(const AVFormatContext* oc) { return (oc->oformat->flags & AVFMT_NOFILE) == 0; }
 
-/// Whether both name one file, by whatever path or link.
-bool same_file(const char* output, const std::string& path) {
-  constexpr char kFileProtocol[] = "file:";
-  if (strncmp(output, kFileProtocol, strlen(kFileProtocol)) == 0) output += strlen(kFileProtocol);
-  std::error_code error;
-  return std::filesystem::equivalent(output, path, error) && !error;
-}
-
 /// Whether FFmpeg would write to files named inside the output's name: what is repaired could be among them, under a
 /// spelling that is not seen here.
 bool writes_elsewhere(const char* output) {
@@ -98,7 +89,8 @@ bool writes_elsewhere(const char* output) {
 }
 
 int open_file(AVFormatContext* oc, const char* output, const std::string& broken, const std::string& moov) {
-  const bool refused = same_file(output, broken) || same_file(output, moov) || writes_elsewhere(output);
+  const std::string path = MR::local_path(output);
+  const bool refused = MR::same_file(path, broken) || MR::same_file(path, moov) || writes_elsewhere(output);
   int ret = refused ? AVERROR(EINVAL) : 0;
   if (!refused && has_file(oc)) ret = avio_open(&oc->pb, output, AVIO_FLAG_WRITE);
   if (ret < 0) fprintf(stderr, "Could not open output file '%s'", output);
