@@ -16,6 +16,8 @@
 /// these packets, end the session with -22. Hosts that have both timestamps use MERU2_write_video_packet_ts, see
 /// session.h.
 ///
+/// A packet with a timestamp below 0 lies before the beginning of the movie: MP4 and MOV keep it, but it is not shown.
+///
 /// Stamps are microseconds from the beginning of the movie, on one clock for video and audio; a movie whose stamps
 /// begin far from 0 begins with a gap as long. Packets of a medium may come out of order by up to six. A stamp that is
 /// still waiting in the same medium counts as one microsecond later. A packet that comes later than that, and so is not

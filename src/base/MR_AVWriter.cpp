@@ -278,6 +278,7 @@ int MR_AVWriter::write_queued() {
       break;
     }
     const int stream = pkt.stream_index;
+    set_interleaving();
     if (quirks.is_late(pkt)) {
       note_drop(Drop::kTimestamp, stream);
       av_packet_unref(&pkt);
@@ -308,7 +309,6 @@ int MR_AVWriter::write_queued() {
 /// what has been broken off is looked at as well.
 int MR_AVWriter::write_frame(AVPacket* pkt) {
   m_io->limit_io(m_live ? static_cast<int64_t>(m_timeout_sec) * 1000000 : 0);
-  set_interleaving();
   const int ret = av_interleaved_write_frame(m_fmt_ctx, pkt);
   return m_io->io_over() ? AVERROR(ETIMEDOUT) : ret;
 }

@@ -108,7 +108,7 @@ class MovieMuxer : public MovieBase {
   };
 
   void start_thread_running(MovieInfo info, StartCtx* ctx);
-  static void check_outputs(const MovieInfo& info);
+  static void check_record(const MovieInfo& info);
   void make_context(const MovieInfo& info);
   void set_network_options(const MovieInfo& info);
   OpenedStreams create_streams(MovieInfo* info);

@@ -23,6 +23,7 @@ extern "C" {
 namespace {
 
 constexpr int64_t kRtspInterleaveUsec = 1000000;
+constexpr int kMostChannels = 64;
 constexpr int64_t kLimitedFlushUsec = 100000;
 
 /// The further outputs as a list that always ends in a null, which the record has no room for when all four are used.
@@ -106,7 +107,7 @@ void MovieMuxer::start_thread_running(MovieInfo info, StartCtx* ctx) {
   m_audio_st = OutputStream();
   m_have_video = m_have_audio = m_encode_video = m_encode_audio = 0;
   m_opt.reset();
-  check_outputs(info);
+  check_record(info);
   make_context(info);
   ctx->has_output = true;
   set_network_options(info);
@@ -121,8 +122,11 @@ void MovieMuxer::start_thread_running(MovieInfo info, StartCtx* ctx) {
   accept_frames(info, ctx);
 }
 
-/// Two outputs that are one file would destroy each other.
-void MovieMuxer::check_outputs(const MovieInfo& info) {
+/// Two outputs that are one file would destroy each other; more channels than the resampler takes would all be lost.
+void MovieMuxer::check_record(const MovieInfo& info) {
+  if (!info.no_audio && info.channels > kMostChannels) {
+    throw MR::MRException("more than 64 channels cannot be recorded", MERU_STATUS_BAD_RECORD);
+  }
   const bool indexed = !MR::isRtspStream(info.url);
   const std::string shared = MR::shared_file(info.url, indexed ? info.snapshot_path : "", info.other_urls);
   if (!shared.empty()) throw MR::MRException(shared, MERU_STATUS_BAD_RECORD);

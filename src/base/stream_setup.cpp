@@ -1,7 +1,9 @@
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "base/encoder_limit.h"
@@ -81,6 +83,14 @@ bool needs_buffer_size(AVCodecID id) {
   return id == AV_CODEC_ID_FLV1 || id == AV_CODEC_ID_H263 || id == AV_CODEC_ID_MSMPEG4V3;
 }
 
+bool fills_up_to_minimum(AVCodecID id) {
+  static constexpr AVCodecID kIds[] = {
+      AV_CODEC_ID_MPEG1VIDEO, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG4,     AV_CODEC_ID_FLV1,      AV_CODEC_ID_H261,
+      AV_CODEC_ID_H263,       AV_CODEC_ID_H263P,      AV_CODEC_ID_MSMPEG4V2, AV_CODEC_ID_MSMPEG4V3, AV_CODEC_ID_WMV1,
+      AV_CODEC_ID_WMV2,       AV_CODEC_ID_RV10,       AV_CODEC_ID_RV20};
+  return std::find(std::begin(kIds), std::end(kIds), id) != std::end(kIds);
+}
+
 void set_constant_rate(AVCodecContext* enc, int64_t rate) {
   enc->bit_rate = enc->rc_min_rate = enc->rc_max_rate = rate;
   enc->bit_rate_tolerance = enc->rc_buffer_size = static_cast<int>(rate);
@@ -95,6 +105,8 @@ void set_variable_rate(AVCodecContext* enc, int64_t rate) {
   enc->rc_min_rate = (kbit > kVbrFloorKbit ? kbit : kVbrFloorKbit) * 1000 - 200000;
   enc->rc_max_rate = kbit * 1000 + 10000;
   enc->bit_rate = kbit * 1000;
+  // These fill frames up to the minimum, and where that is too much they fail, or end the process.
+  if (fills_up_to_minimum(enc->codec_id)) enc->rc_min_rate = 0;
   // A second of the maximum rate, the same as with a constant rate: otherwise the recording would never start.
   if (needs_buffer_size(enc->codec_id)) enc->rc_buffer_size = static_cast<int>(enc->rc_max_rate);
 }

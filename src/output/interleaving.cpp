@@ -21,7 +21,9 @@ bool takes_any_order(const AVFormatContext* ctx) {
 
 int64_t interleave_usec(const AVFormatContext* ctx, bool live, bool indexed, const EncoderDelay& delay) {
   if (!live && !indexed) return 0;
-  return (live ? kLiveUsec : kIndexedUsec) + delay.held_usec(live || !takes_any_order(ctx));
+  // Only of these a repair is promised. Others may fail at a packet that comes before those that were written.
+  const bool soon = !live && takes_any_order(ctx);
+  return (soon ? kIndexedUsec : kLiveUsec) + delay.held_usec(!soon);
 }
 
 }  // namespace MR

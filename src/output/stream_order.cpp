@@ -20,7 +20,8 @@ StreamOrder::Kind StreamOrder::kind_of(const AVFormatContext* ctx) {
   if (ctx == nullptr || ctx->nb_streams < 2 || ctx->nb_streams > 64) return Kind::kAny;
   const char* name = ctx->oformat->name;
   if (std::strcmp(name, "asf") == 0 || std::strcmp(name, "asf_stream") == 0) return Kind::kRising;
-  return std::strcmp(name, "flv") == 0 ? Kind::kNothingBeforeTheFirst : Kind::kAny;
+  const bool fails = std::strcmp(name, "flv") == 0 || std::strcmp(name, "nut") == 0;
+  return fails ? Kind::kNothingBeforeTheFirst : Kind::kAny;
 }
 
 StreamOrder::StreamOrder(const AVFormatContext* ctx) : m_ctx(ctx), m_kind(kind_of(ctx)) {}

@@ -9,15 +9,15 @@ namespace MR {
 /// What a muxer cannot bear of a stream that lags behind the other one, which has been written meanwhile.
 ///
 /// ASF: FFmpeg aborts the process when the dts go back. There a silent stream is waited for much longer than elsewhere,
-/// and what comes even later is dropped. FLV: the output fails at a packet before the first one that was written; such
-/// packets are dropped. Other formats take any order. One thread.
+/// and what comes even later is dropped. FLV and NUT: the output fails at a packet before the first one that was
+/// written; such packets are dropped. Other formats take any order. One thread.
 class StreamOrder {
  public:
   /// @param ctx  not owned; null does nothing
   explicit StreamOrder(const AVFormatContext* ctx);
 
-  /// @return whether the packet, which is about to be written, must be dropped. `ctx->max_interleave_delta` is what it
-  ///         was when the packets before were written
+  /// @return whether the packet, which is about to be written, must be dropped. `ctx->max_interleave_delta` must be
+  ///         what it will be written with
   bool is_late(const AVPacket& pkt);
   /// How long the interleaving waits for a silent stream at least; 0 where the muxer does not care.
   int64_t interleave_usec() const;

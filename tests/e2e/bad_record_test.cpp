@@ -127,7 +127,7 @@ std::vector<BadRecord> sounds() {
       {"ChannelsZero", [](MovieInfo* m) { m->channels = 0; }, Outcome::kRecords},
       {"ChannelsNegative", [](MovieInfo* m) { m->channels = -2; }, Outcome::kRecords},
       {"ChannelsMany", [](MovieInfo* m) { m->channels = 64; }, Outcome::kRecords},
-      {"ChannelsHuge", [](MovieInfo* m) { m->channels = INT_MAX; }, Outcome::kRecords},
+      {"ChannelsHuge", [](MovieInfo* m) { m->channels = INT_MAX; }, Outcome::kReported},
       {"SampleFormatUnknown", [](MovieInfo* m) { m->sample_fmt = 99; }, Outcome::kRecords},
       {"SampleFormatNegative", [](MovieInfo* m) { m->sample_fmt = -1; }, Outcome::kRecords},
       {"BitrateZero", [](MovieInfo* m) { m->a_bitrate = 0; }, Outcome::kRecords},

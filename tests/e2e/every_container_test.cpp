@@ -91,5 +91,48 @@ TEST_P(EveryAdditionalOutput, HoldsEveryFrame) {
 INSTANTIATE_TEST_SUITE_P(All, EveryAdditionalOutput, testing::Values("avi", "dvd", "mp4", "mpg", "nut", "ts"),
                          [](const auto& test) { return std::string(test.param); });
 
+class EveryIndexedContainer : public EveryContainer {};
+
+// With an index a silent stream is not waited for as long; audio that is late must cost nothing all the same.
+TEST_P(EveryIndexedContainer, HoldsEveryFrameAlthoughAudioIsLate) {
+  const TempDir dir;
+  const std::string path = dir.file(std::string("movie.") + GetParam());
+  MovieInfo info = small_movie(path);
+  set_text(info.snapshot_path, dir.file("index"));
+  Host host(info);
+  ASSERT_TRUE(host.started());
+  constexpr int kAhead = 8;
+  for (int i = 0; i < kAhead; ++i) EXPECT_NE(host.push_image(kStart + i * kUsecPerSec / info.fps), 0);
+  EXPECT_EQ(host.push_scene(kImages - kAhead, kStart + kAhead * kUsecPerSec / info.fps), kImages - kAhead);
+  host.stop();
+  EXPECT_EQ(host.status().entries().size(), 1U);
+  expect_whole(path);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EveryIndexedContainer,
+                         testing::Values("asf", "avi", "flv", "mkv", "mov", "mp4", "nut", "ogg", "ts"),
+                         [](const auto& test) { return std::string(test.param); });
+
+class EverySlowContainer : public EveryContainer {};
+
+// Few frames of a high rate: what an encoder fills up to a minimum rate would be larger than it can be.
+TEST_P(EverySlowContainer, HoldsEveryFrameOfAVariableBitRate) {
+  const TempDir dir;
+  const std::string path = dir.file(std::string("movie.") + GetParam());
+  MovieInfo info = small_movie(path);
+  info.no_audio = true;
+  info.fps = 2;
+  info.rate_control = RATE_CONTROL_VBR;
+  info.v_bitrate = 2000;
+  Host host(info);
+  ASSERT_TRUE(host.started());
+  EXPECT_EQ(host.push_scene(kImages, kStart), kImages);
+  host.stop();
+  EXPECT_EQ(count_frames(path), kImages);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EverySlowContainer, testing::Values("asf", "avi", "flv", "mkv", "mp4", "nut"),
+                         [](const auto& test) { return std::string(test.param); });
+
 }  // namespace
 }  // namespace meru_test

@@ -27,6 +27,7 @@ constexpr int64_t kFrameUsec = 40000;
 
 struct InterleavingCase {
   const char* name;
+  const char* container;
   bool indexed, live;
   int pushed_ahead;  ///< frames that the encoder holds at the end
   int packets;       ///< of 40 ms each
@@ -40,7 +41,7 @@ class Interleaving : public testing::TestWithParam<InterleavingCase> {};
 TEST_P(Interleaving, WaitsForASilentStreamUpToItsBound) {
   const InterleavingCase& c = GetParam();
   const TempDir dir;
-  TestOutput output("matroska", dir.file("a.mkv"), Streams::kVideoAndAudio);
+  TestOutput output(c.container, dir.file("a.movie"), Streams::kVideoAndAudio);
   MR_AVWriter writer(1000, 0, nullptr);
   writer.m_indexed = c.indexed;
   writer.m_live = c.live;
@@ -52,7 +53,7 @@ TEST_P(Interleaving, WaitsForASilentStreamUpToItsBound) {
     ASSERT_EQ(write_video(&writer, i, kPacketBytes), 0);
   }
   ASSERT_TRUE(eventually([&] { return writer.m_books.of(0).passed() == c.packets; }));
-  const auto reached = [&] { return static_cast<int>(std::filesystem::file_size(dir.file("a.mkv")) / kPacketBytes); };
+  const auto reached = [&] { return static_cast<int>(std::filesystem::file_size(dir.file("a.movie")) / kPacketBytes); };
   EXPECT_GE(reached(), c.expected);
   EXPECT_LE(reached(), c.at_most);
   writer.stop();
@@ -61,11 +62,12 @@ TEST_P(Interleaving, WaitsForASilentStreamUpToItsBound) {
 
 INSTANTIATE_TEST_SUITE_P(
     Outputs, Interleaving,
-    testing::Values(InterleavingCase{"FileWaitsTenSeconds", false, false, 0, 100, 0, 0},
-                    InterleavingCase{"IndexedFileATenthOfASecond", true, false, 0, 100, 90, 99},
-                    InterleavingCase{"IndexedFileAndWhatTheEncoderHolds", true, false, 50, 100, 38, 50},
-                    InterleavingCase{"LiveOutputASecond", false, true, 0, 100, 65, 76},
-                    InterleavingCase{"LiveOutputAndWhatTheEncoderHolds", false, true, 25, 100, 40, 51}),
+    testing::Values(InterleavingCase{"FileWaitsTenSeconds", "matroska", false, false, 0, 100, 0, 0},
+                    InterleavingCase{"IndexedMovATenthOfASecond", "mov", true, false, 0, 100, 90, 99},
+                    InterleavingCase{"IndexedMovAndWhatTheEncoderHolds", "mov", true, false, 50, 100, 38, 50},
+                    InterleavingCase{"IndexedOtherFileASecond", "matroska", true, false, 0, 100, 65, 76},
+                    InterleavingCase{"LiveOutputASecond", "matroska", false, true, 0, 100, 65, 76},
+                    InterleavingCase{"LiveOutputAndWhatTheEncoderHolds", "matroska", false, true, 25, 100, 40, 51}),
     meru_test::CaseName());
 
 }  // namespace
