@@ -23,7 +23,7 @@ readelf -d "$libdir/libMeruLib.so" | grep -qF "[libMeruLib.so.${version%%.*}]" |
   -o "$work/record_c" $(pkg-config --libs merulib)
 (
   [ "$prefix" = /usr ] || export LD_LIBRARY_PATH=$libdir
-  example "$work/record_c" "h264,320,240,25 aac,43"
+  example "$work/record_c" "h264,320,240,25 aac,44"
 )
 
 cat >"$work/CMakeLists.txt" <<END
@@ -37,7 +37,7 @@ target_link_libraries(host PRIVATE MeruLib::MeruLib Threads::Threads)
 END
 cmake -S "$work" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >"$work/cmake.log" || fail "$(cat "$work/cmake.log")"
 cmake --build "$work/build" >"$work/cmake.log" || fail "$(cat "$work/cmake.log")"
-example "$work/build/host" "h264,640,360,30 aac,46"
+example "$work/build/host" "h264,640,360,30 aac,47"
 
 meru=$prefix/bin/meru
 [ -e "$meru" ] || exit 0
