@@ -99,7 +99,7 @@ TEST_F(HostLocale, LeavesTheNumbersOfARepairAsTheyAre) {
 TEST_F(HostLocale, LeavesTheNumbersOfARefusedPacketAsTheyAre) {
   const CutRecording movie({"", "mp4", false, true}, 10);
   const std::string index = file_text(movie.index);
-  const std::string head = index.substr(0, index.find("\n,") + 1);
+  const std::string head = index.substr(0, index.rfind("}\n") + 2);
   write_file(movie.index, head + ",48,10,5120,,512,1;\n,,11,-512,,512,;\n" + std::string(2000, 'x'));
   testing::internal::CaptureStdout();
   MERU_StartRepair_sync(movie.broken.c_str(), movie.index.c_str(), movie.output.c_str(), nullptr, nullptr);

@@ -24,7 +24,7 @@ inline void make_long(const std::string& from_index, int packet_size, const std:
   const std::string text = file_text(from_index);
   std::string line;
   while (line.size() < 950) line += ",," + std::to_string(packet_size) + ",512,,512,1;";
-  std::string body = text.substr(0, text.find("\n,") + 1) + ",48" + line.substr(1) + "\n";
+  std::string body = text.substr(0, text.rfind("}\n") + 2) + ",48" + line.substr(1) + "\n";
   for (int i = 0; i < 2000; ++i) body += line + "\n";
   write_file(index, body);
   write_file(movie, "x");
